@@ -1,0 +1,54 @@
+#include "utils/platform/kernel.h"
+
+#include "utils/base/exceptions.h"
+#include "utils/platform/linuxkernel.h"
+
+#include <atomic>
+
+namespace utils::platform {
+
+std::shared_ptr<Kernel> makeEmulatedKernel();
+
+namespace {
+
+std::shared_ptr<Kernel>& installed()
+{
+    static std::shared_ptr<Kernel> current;
+    return current;
+}
+
+std::atomic<Kernel*>& active()
+{
+    static std::atomic<Kernel*> current{nullptr};
+    return current;
+}
+
+} // namespace
+
+Kernel& kernel()
+{
+    if (Kernel* k = active().load(std::memory_order_acquire))
+        return *k;
+    static LinuxKernel linuxKernel;
+    return linuxKernel;
+}
+
+std::shared_ptr<Kernel> installKernel(std::shared_ptr<Kernel> next)
+{
+    auto previous = std::move(installed());
+    installed() = std::move(next);
+    active().store(installed().get(), std::memory_order_release);
+    return previous;
+}
+
+void selectPlatform(const std::string& name)
+{
+    if (name == "linux")
+        installKernel(nullptr);
+    else if (name == "emulated")
+        installKernel(makeEmulatedKernel());
+    else
+        throw UtilsRuntimeError("Unknown platform '" + name + "': expected 'linux' or 'emulated'.");
+}
+
+} // namespace utils::platform
