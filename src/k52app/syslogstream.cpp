@@ -4,7 +4,7 @@
 
 namespace {
 
-int priority(uint32_t severity, uint32_t facility) { return priority(severity, facility); }
+int priority(uint32_t severity, uint32_t facility) { return static_cast<int>(severity | facility); }
 
 } // namespace
 
