@@ -7,7 +7,7 @@
 
 namespace utils::platform {
 
-std::shared_ptr<Kernel> makeEmulatedKernel();
+std::shared_ptr<Kernel> makeEmulatedKernel(const std::map<std::string, std::string>& configuration);
 
 namespace {
 
@@ -41,12 +41,13 @@ std::shared_ptr<Kernel> installKernel(std::shared_ptr<Kernel> next)
     return previous;
 }
 
-void selectPlatform(const std::string& name)
+void selectPlatform(const std::string& name,
+                    const std::map<std::string, std::string>& configuration)
 {
     if (name == "linux")
         installKernel(nullptr);
     else if (name == "emulated")
-        installKernel(makeEmulatedKernel());
+        installKernel(makeEmulatedKernel(configuration));
     else
         throw UtilsRuntimeError("Unknown platform '" + name + "': expected 'linux' or 'emulated'.");
 }

@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <sys/types.h>
 
+#include <map>
 #include <memory>
 #include <string>
 
@@ -34,8 +35,10 @@ Kernel& kernel();
 // Linux kernel). Done once at start-up, before any device is opened, or by tests.
 std::shared_ptr<Kernel> installKernel(std::shared_ptr<Kernel> next);
 
-// Selects the platform by its configuration name: "linux" or "emulated". Throws
-// UtilsRuntimeError for any other name.
-void selectPlatform(const std::string& name);
+// Selects the platform by its configuration name: "linux" or "emulated". The emulated board
+// reads its own keys (those beginning with "emulated-") from `configuration`. Throws
+// UtilsRuntimeError for any other name or a bad emulated key.
+void selectPlatform(const std::string& name,
+                    const std::map<std::string, std::string>& configuration = {});
 
 } // namespace utils::platform

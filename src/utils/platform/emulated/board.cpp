@@ -35,7 +35,15 @@ std::shared_ptr<VirtualFile> EmulatedBoard::file(int fd) const
 {
     std::lock_guard lock(mutex_);
     auto it = files_.find(fd);
-    return it == files_.end() ? nullptr : it->second;
+    if (it == files_.end()) {
+        errno = EBADF;
+        return nullptr;
+    }
+    if (faults_.fault(it->second.path) == Fault::ioError) {
+        errno = EIO;
+        return nullptr;
+    }
+    return it->second.file;
 }
 
 int EmulatedBoard::open(const std::string& path, int flags, mode_t /*mode*/)
@@ -43,12 +51,14 @@ int EmulatedBoard::open(const std::string& path, int flags, mode_t /*mode*/)
     auto node = device(path);
     if (!node)
         return fail(ENOENT);
+    if (faults_.fault(path) == Fault::openFails)
+        return fail(ENODEV);
     std::shared_ptr<VirtualFile> opened = node->open(flags);
     if (!opened)
         return -1; // the device set errno
     std::lock_guard lock(mutex_);
     int fd = nextDescriptor_++;
-    files_[fd] = std::move(opened);
+    files_[fd] = OpenFile{path, std::move(opened)};
     return fd;
 }
 
@@ -60,7 +70,7 @@ int EmulatedBoard::close(int fd)
         auto it = files_.find(fd);
         if (it == files_.end())
             return fail(EBADF);
-        closed = std::move(it->second);
+        closed = std::move(it->second.file);
         files_.erase(it);
     }
     return 0; // `closed` is released outside the lock: its destructor may notify the board
@@ -69,41 +79,39 @@ int EmulatedBoard::close(int fd)
 ssize_t EmulatedBoard::read(int fd, void* buffer, size_t length)
 {
     auto f = file(fd);
-    return f ? f->read(buffer, length) : fail(EBADF);
+    return f ? f->read(buffer, length) : -1;
 }
 
 ssize_t EmulatedBoard::write(int fd, const void* buffer, size_t length)
 {
     auto f = file(fd);
-    return f ? f->write(buffer, length) : fail(EBADF);
+    return f ? f->write(buffer, length) : -1;
 }
 
 ssize_t EmulatedBoard::pread(int fd, void* buffer, size_t length, off_t offset)
 {
     auto f = file(fd);
-    return f ? f->pread(buffer, length, offset) : fail(EBADF);
+    return f ? f->pread(buffer, length, offset) : -1;
 }
 
 ssize_t EmulatedBoard::pwrite(int fd, const void* buffer, size_t length, off_t offset)
 {
     auto f = file(fd);
-    return f ? f->pwrite(buffer, length, offset) : fail(EBADF);
+    return f ? f->pwrite(buffer, length, offset) : -1;
 }
 
 int EmulatedBoard::ioctl(int fd, unsigned long request, void* argument)
 {
     auto f = file(fd);
-    return f ? f->ioctl(request, argument) : fail(EBADF);
+    return f ? f->ioctl(request, argument) : -1;
 }
 
 void* EmulatedBoard::mmap(void* /*address*/, size_t length, int /*protection*/, int /*flags*/,
                           int fd, off_t offset)
 {
     auto f = file(fd);
-    if (!f) {
-        errno = EBADF;
+    if (!f)
         return MAP_FAILED;
-    }
     void* address = f->mmap(length, offset);
     if (!address)
         return MAP_FAILED;
@@ -139,7 +147,7 @@ int EmulatedBoard::poll(struct pollfd* fds, nfds_t count, int timeoutMs)
                 ++ready;
                 continue;
             }
-            auto f = it->second;
+            auto f = it->second.file;
             lock.unlock();
             short events = f->readyEvents();
             lock.lock();

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "utils/platform/emulated/faults.h"
+#include "utils/platform/emulated/sensorbus.h"
 #include "utils/platform/emulated/virtualdevice.h"
 #include "utils/platform/kernel.h"
 
@@ -27,6 +29,12 @@ public:
     // Device models call this when their readiness changes, to wake pollers.
     void notify();
 
+    // Faults injected per device path. open() and the I/O calls honour openFails and ioError;
+    // device models consult timeout and shortFrame themselves.
+    FaultInjector& faults() { return faults_; }
+    // Shared by the RTU, sensor-control and capture models.
+    SensorBus& sensorBus() { return sensorBus_; }
+
     int open(const std::string& path, int flags, mode_t mode) override;
     int close(int fd) override;
     ssize_t read(int fd, void* buffer, size_t length) override;
@@ -40,13 +48,20 @@ public:
     int poll(struct pollfd* fds, nfds_t count, int timeoutMs) override;
 
 private:
+    struct OpenFile {
+        std::string path;
+        std::shared_ptr<VirtualFile> file;
+    };
+    // The open file behind `fd`, or null with errno set (EBADF, or EIO for an injected fault).
     std::shared_ptr<VirtualFile> file(int fd) const;
 
     mutable std::mutex mutex_;
     std::condition_variable changed_;
     unsigned long generation_ = 0;
     std::map<std::string, std::shared_ptr<VirtualDevice>> devices_;
-    std::map<int, std::shared_ptr<VirtualFile>> files_;
+    std::map<int, OpenFile> files_;
+    FaultInjector faults_;
+    SensorBus sensorBus_;
     std::map<void*, std::shared_ptr<VirtualFile>> mappings_;
     int nextDescriptor_ = firstDescriptor;
 };

@@ -1,10 +1,36 @@
 #include "utils/platform/emulated/board.h"
 #include "utils/platform/emulated/textfile.h"
 
+#include <sstream>
+
 namespace utils::platform {
 
+namespace {
+
+using emulated::EmulatedBoard;
+using emulated::FaultInjector;
+
+// "emulated-fault-<fault>=<path>,<path>..." injects <fault> into each listed device node.
+void injectConfiguredFaults(EmulatedBoard& board,
+                            const std::map<std::string, std::string>& configuration)
+{
+    const std::string prefix = "emulated-fault-";
+    for (const auto& [key, value] : configuration) {
+        if (key.rfind(prefix, 0) != 0)
+            continue;
+        auto fault = FaultInjector::parse(key.substr(prefix.size()));
+        std::istringstream paths(value);
+        for (std::string path; std::getline(paths, path, ',');) {
+            if (!path.empty())
+                board.faults().inject(path, fault);
+        }
+    }
+}
+
+} // namespace
+
 // The emulated board as a developer machine gets it: every device node the daemon opens.
-std::shared_ptr<Kernel> makeEmulatedKernel()
+std::shared_ptr<Kernel> makeEmulatedKernel(const std::map<std::string, std::string>& configuration)
 {
     using namespace emulated;
     auto board = std::make_shared<EmulatedBoard>();
@@ -18,6 +44,7 @@ std::shared_ptr<Kernel> makeEmulatedKernel()
                                              "Hardware\t: K52 emulated board\n"
                                              "Revision\t: 0001\n"
                                              "Serial\t\t: 00000000e52a0b1c\n"));
+    injectConfiguredFaults(*board, configuration);
     return board;
 }
 
