@@ -1,0 +1,33 @@
+#include "utils/router/spinnermetadata.h"
+
+#include "utils/base/strings.h"
+
+#include <limits>
+
+namespace utils {
+
+std::string toString(SpinnerArgumentType type)
+{
+    switch (type) {
+    case SpinnerArgumentType::ordinal:
+        return "ordinal";
+    case SpinnerArgumentType::categorical:
+        return "categorical";
+    case SpinnerArgumentType::numerical:
+        return "numerical";
+    }
+    return "";
+}
+
+const SpinnerArgumentMetaData IntegerArgumentMetaData{
+    "value",
+    "an integer value",
+    SpinnerArgumentType::numerical,
+    SpinnerArgumentNumericalLimit{static_cast<double>(std::numeric_limits<int32_t>::min()),
+                                  static_cast<double>(std::numeric_limits<int32_t>::max()), 1},
+    isNumericalString,
+    "",
+    1,
+};
+
+} // namespace utils
