@@ -1,0 +1,333 @@
+// The daemon's command line and configuration file, through the real binary: exit status, the
+// exact standard error and the configuration dump.
+
+#include "support/process.h"
+#include "support/tempdir.h"
+
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include <glob.h>
+
+#include <cstdint>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace {
+
+using k52test::runProcess;
+using k52test::TempDir;
+
+const std::string binary = K52APP_BINARY;
+
+const std::string banner = "k52app version 1.3.1\n"
+                           "===========================\n"
+                           "High performance hardware-proxy.\n";
+
+const std::string help =
+    banner + "Usage: {argv0} [options]\n"
+             "  --help, -h\tPrint this help message\n"
+             "  --config, -c\tPath to the configuration file (default: /etc/k52app/k52app.conf)\n"
+             "  --command, -C\tInitialise, execute and stream results and status to stdout and "
+             "stderr respectively. (default: )\n"
+             "  --dry-run, -d\tPrint out the configuration without executing\n"
+             "  --version, -v\tPrint version information\n";
+
+const std::string unknownBogus = "Unknown argument: --bogus\n";
+const std::string noImx = "No IMX found on device.\n";
+
+// Every file below names the image sensor, so no case depends on the host's /dev/imx* nodes
+// unless it means to.
+const std::string sensorLine = "image-sensor-path=/dev/imx0\n";
+const std::string baseDump = "{\n"
+                             "  \"config\": \"{conf}\",\n"
+                             "  \"image-sensor-path\": \"/dev/imx0\"\n"
+                             "}\n";
+
+struct CliCase {
+    std::string name;
+    std::vector<std::string> arguments; // "{conf}" is the case's file, "{dir}" its directory
+    std::string file;                   // contents of {conf}; not written when empty
+    int status;
+    std::string err; // "{conf}", "{dir}" and "{argv0}" are replaced as in the arguments
+};
+
+std::string substitute(std::string text, const std::map<std::string, std::string>& names)
+{
+    for (const auto& [name, value] : names) {
+        for (size_t at = text.find(name); at != std::string::npos;
+             at = text.find(name, at + value.size()))
+            text.replace(at, name.size(), value);
+    }
+    return text;
+}
+
+bool hostHasImageSensor()
+{
+    glob_t matches{};
+    bool found = ::glob("/dev/imx*", 0, nullptr, &matches) == 0;
+    globfree(&matches);
+    return found;
+}
+
+class CommandLine : public testing::TestWithParam<CliCase> {};
+
+TEST_P(CommandLine, ExitStatusAndStandardError)
+{
+    const CliCase& c = GetParam();
+    if (c.err.find(noImx) != std::string::npos && hostHasImageSensor())
+        GTEST_SKIP() << "this host has /dev/imx* nodes, so no discovery message is printed";
+
+    TempDir dir("k52config");
+    const std::string conf = dir.file("k52app.conf");
+    if (!c.file.empty())
+        dir.writeFile("k52app.conf", c.file);
+    const std::map<std::string, std::string> names = {
+        {"{conf}", conf}, {"{dir}", dir.path()}, {"{argv0}", binary}};
+
+    std::vector<std::string> arguments;
+    for (const auto& argument : c.arguments)
+        arguments.push_back(substitute(argument, names));
+
+    auto result = runProcess(binary, arguments);
+    ASSERT_FALSE(result.timedOut);
+    EXPECT_EQ(result.exitStatus, c.status);
+    EXPECT_EQ(result.err, substitute(c.err, names));
+    EXPECT_EQ(result.out, "");
+}
+
+// Informational options end the process before any file is read.
+INSTANTIATE_TEST_SUITE_P(
+    Informational, CommandLine,
+    testing::Values(
+        CliCase{"Help", {"--help"}, "", 1, help},
+        CliCase{"HelpDoesNotReadTheFile", {"-c", "{dir}/absent.conf", "-h"}, "", 1, help},
+        CliCase{"UnknownAfterHelpWins", {"-h", "--bogus"}, "", 1, unknownBogus},
+        CliCase{"HelpTakesNoValue", {"--help=yes"}, "", 1, "Unknown argument: --help=yes\n"},
+        CliCase{"DryRunTakesNoSuffix", {"-dx"}, "", 1, "Unknown argument: -dx\n"},
+        CliCase{"LongPrefixOfNothing", {"--c"}, "", 1, "Unknown argument: --c\n"},
+        CliCase{"Version", {"--version"}, "", 0, banner},
+        CliCase{"VersionIgnoresWhatFollows", {"-v", "--bogus"}, "", 0, banner},
+        CliCase{"VersionWinsOverEarlierHelp", {"-h", "-v"}, "", 0, banner},
+        CliCase{"UnknownBeforeVersionWins", {"--bogus", "-v"}, "", 1, unknownBogus},
+        // "-c" consumes "-v" as its path, which then cannot be opened.
+        CliCase{"VersionConsumedAsValue", {"-c", "-v"}, "", 1, ""}),
+    [](const auto& info) { return info.param.name; });
+
+INSTANTIATE_TEST_SUITE_P(
+    MissingValues, CommandLine,
+    testing::Values(
+        CliCase{"ConfigAtEnd", {"-c"}, "", 1, "Error: --config option requires an argument.\n"},
+        CliCase{"CommandAtEnd",
+                {"-d", "--command"},
+                "",
+                1,
+                "Error: --command option requires an argument.\n"},
+        CliCase{"ConfigEquals",
+                {"--config="},
+                "",
+                1,
+                "Error: --config option requires a non-empty argument.\n"},
+        CliCase{"ShortCommandEquals",
+                {"-C="},
+                "",
+                1,
+                "Error: --command option requires a non-empty argument.\n"},
+        // An empty separate value is accepted; the empty path then fails to open.
+        CliCase{"EmptyConfigArgument", {"--config", "", "-d"}, "", 1, ""},
+        CliCase{"EmptyCommandArgument",
+                {"-c", "{conf}", "-C", "", "-d"},
+                sensorLine,
+                0,
+                "{\n  \"command\": \"\",\n  \"config\": \"{conf}\",\n"
+                "  \"image-sensor-path\": \"/dev/imx0\"\n}\n"}),
+    [](const auto& info) { return info.param.name; });
+
+INSTANTIATE_TEST_SUITE_P(
+    OptionForms, CommandLine,
+    testing::Values(
+        CliCase{"LongEquals", {"--config={conf}", "-d"}, sensorLine, 0, baseDump},
+        CliCase{"ShortEquals", {"-c={conf}", "-d"}, sensorLine, 0, baseDump},
+        CliCase{"LongSeparate", {"--config", "{conf}", "--dry-run"}, sensorLine, 0, baseDump},
+        CliCase{"LongPrefixTakesNextArgument", {"--configX", "{conf}", "-d"}, sensorLine, 0,
+                baseDump},
+        CliCase{"ShortPrefixTakesNextArgument", {"-cX", "{conf}", "-d"}, sensorLine, 0, baseDump},
+        CliCase{"DryRunBeforeConfig", {"-d", "-c", "{conf}"}, sensorLine, 0, baseDump},
+        CliCase{"ValueKeepsLaterEquals",
+                {"-c={conf}", "-C=run=now", "-d"},
+                sensorLine,
+                0,
+                "{\n  \"command\": \"run=now\",\n  \"config\": \"{conf}\",\n"
+                "  \"image-sensor-path\": \"/dev/imx0\"\n}\n"},
+        CliCase{"LastConfigWins", {"-c", "{dir}/absent.conf", "-c", "{conf}", "-d"}, sensorLine,
+                0, baseDump}),
+    [](const auto& info) { return info.param.name; });
+
+INSTANTIATE_TEST_SUITE_P(
+    FileRules, CommandLine,
+    testing::Values(
+        CliCase{"WhiteSpaceRemovedEverywhere",
+                {"-c", "{conf}", "-d"},
+                "  socket-ctrl = 5000 \n\tsocket-addr\t=\t127.0.0.1\nrtu-path = /dev/k52 rtu\n" +
+                    sensorLine,
+                0,
+                "{\n  \"config\": \"{conf}\",\n  \"image-sensor-path\": \"/dev/imx0\",\n"
+                "  \"rtu-path\": \"/dev/k52rtu\",\n  \"socket-addr\": \"127.0.0.1\",\n"
+                "  \"socket-ctrl\": \"5000\"\n}\n"},
+        CliCase{"OnlyWholeLineComments",
+                {"-c", "{conf}", "-d"},
+                "# rtu-path=/dev/commented\n   # tof-path=/dev/indented\n"
+                "socket-addr=10.0.0.1#not-a-comment\n" +
+                    sensorLine,
+                0,
+                "{\n  \"config\": \"{conf}\",\n  \"image-sensor-path\": \"/dev/imx0\",\n"
+                "  \"socket-addr\": \"10.0.0.1#not-a-comment\"\n}\n"},
+        CliCase{"LinesWithoutValueSkipped",
+                {"-c", "{conf}", "-d"},
+                "no equals sign here\nempty-value=\n   =   \nUpper=\n\nrtu-path=/dev/a=b\n"
+                "image-sensor-path=/dev/imx0\r\n",
+                0,
+                "{\n  \"config\": \"{conf}\",\n  \"image-sensor-path\": \"/dev/imx0\",\n"
+                "  \"rtu-path\": \"/dev/a=b\"\n}\n"},
+        CliCase{"KeyAlphabet",
+                {"-c", "{conf}", "-d"},
+                "my_key-19=v\n" + sensorLine,
+                0,
+                "{\n  \"config\": \"{conf}\",\n  \"image-sensor-path\": \"/dev/imx0\",\n"
+                "  \"my_key-19\": \"v\"\n}\n"},
+        CliCase{"FirstOccurrenceWins",
+                {"-c", "{conf}", "-d"},
+                "tof-path=/dev/first\ntof-path=/dev/second\n" + sensorLine,
+                0,
+                "{\n  \"config\": \"{conf}\",\n  \"image-sensor-path\": \"/dev/imx0\",\n"
+                "  \"tof-path\": \"/dev/first\"\n}\n"},
+        CliCase{"CommandLineWinsOverFile",
+                {"-c", "{conf}", "-C", "cli", "-d"},
+                "config=/elsewhere.conf\ncommand=from-file\n" + sensorLine,
+                0,
+                "{\n  \"command\": \"cli\",\n  \"config\": \"{conf}\",\n"
+                "  \"image-sensor-path\": \"/dev/imx0\"\n}\n"},
+        CliCase{"ImageSensorDiscoveryFails",
+                {"-c", "{conf}", "-d"},
+                "rtu-path=/dev/k52rtu\n",
+                0,
+                noImx + "{\n  \"config\": \"{conf}\",\n  \"rtu-path\": \"/dev/k52rtu\"\n}\n"},
+        // The dump ends the process before the platform is selected or any device opened.
+        CliCase{"DryRunSelectsNoPlatform",
+                {"-c", "{conf}", "-d"},
+                "platform=no-such-board\n" + sensorLine,
+                0,
+                "{\n  \"config\": \"{conf}\",\n  \"image-sensor-path\": \"/dev/imx0\",\n"
+                "  \"platform\": \"no-such-board\"\n}\n"}),
+    [](const auto& info) { return info.param.name; });
+
+// Start-up failures end with status 1; their records go to the log, not to standard error.
+INSTANTIATE_TEST_SUITE_P(
+    StartUpFailures, CommandLine,
+    testing::Values(
+        CliCase{"UpperCaseKey", {"-c", "{conf}", "-d"}, sensorLine + "Key=1\n", 1, ""},
+        CliCase{"DigitZeroInKey", {"-c", "{conf}", "-d"}, "key0=1\n" + sensorLine, 1, ""},
+        CliCase{"EmptyKey", {"-c", "{conf}", "-d"}, "=value\n" + sensorLine, 1, ""},
+        CliCase{"DotInKey", {"-c", "{conf}", "-d"}, "rtu.path=/dev/x\n" + sensorLine, 1, ""},
+        CliCase{"MissingFile", {"-c", "{dir}/absent.conf", "-d"}, "", 1, ""},
+        CliCase{"DirectoryAsFile", {"-c", "{dir}", "-d"}, "", 1, ""},
+        CliCase{"UnknownPlatform", {"-c", "{conf}"}, "platform=no-such-board\n" + sensorLine, 1,
+                ""}),
+    [](const auto& info) { return info.param.name; });
+
+// ---------------------------------------------------------------------------------------------
+// The example configurations shipped in etc/.
+
+const std::vector<std::string> keysTheDaemonReads = {
+    "platform",
+    "container-path",
+    "socket-addr",
+    "socket-ctrl",
+    "socket-stream",
+    "rtu-path",
+    "rtu-i2c-line",
+    "rtu-i2c-address",
+    "image-sensor-path",
+    "v4l2-path",
+    "autofocus-path",
+    "illumination-path",
+    "smart-sensor-i2c-line",
+    "smart-sensor-i2c-address",
+    "smart-sensor-irq-pin",
+    "smart-sensor-fw-path",
+    "tof-path",
+    "button-chip",
+    "button-line",
+    "static-files",
+};
+
+class ExampleConfiguration : public testing::TestWithParam<const char*> {};
+
+TEST_P(ExampleConfiguration, ParsesAndSetsEveryKeyTheDaemonReads)
+{
+    const std::string path = std::string(K52_SOURCE_DIR) + "/" + GetParam();
+    auto result = runProcess(binary, {"--config", path, "--dry-run"});
+    ASSERT_EQ(result.exitStatus, 0) << result.err;
+    ASSERT_EQ(result.err.rfind("{\n", 0), 0u) << "nothing may precede the dump:\n" << result.err;
+    for (const auto& key : keysTheDaemonReads)
+        EXPECT_NE(result.err.find("  \"" + key + "\": \""), std::string::npos) << key;
+}
+
+INSTANTIATE_TEST_SUITE_P(Etc, ExampleConfiguration,
+                         testing::Values("etc/k52app-emulated.conf", "etc/k52app-board.conf"));
+
+TEST(EmulatedConfiguration, UsesTheAgreedDeviceNodes)
+{
+    const std::string path = std::string(K52_SOURCE_DIR) + "/etc/k52app-emulated.conf";
+    auto result = runProcess(binary, {"-c", path, "-d"});
+    ASSERT_EQ(result.exitStatus, 0) << result.err;
+    const std::map<std::string, std::string> expected = {
+        {"platform", "emulated"},
+        {"socket-addr", "127.0.0.1"},
+        {"rtu-path", "/dev/k52rtu"},
+        {"image-sensor-path", "/dev/imx0"},
+        {"v4l2-path", "/dev/video0"},
+        {"autofocus-path", "/dev/k52af"},
+        {"illumination-path", "/dev/k52illum"},
+        {"rtu-i2c-line", "/dev/i2c-1"},
+        {"rtu-i2c-address", "66"},
+        {"smart-sensor-i2c-line", "/dev/i2c-5"},
+        {"smart-sensor-i2c-address", "40"},
+        {"smart-sensor-irq-pin", "17"},
+        {"smart-sensor-fw-path", "etc/firmware/smartsensor.bin"},
+        {"tof-path", "/dev/k52tof"},
+        {"button-chip", "gpiochip0"},
+        {"button-line", "12"},
+        {"static-files", "etc/static-frames"},
+    };
+    for (const auto& [key, value] : expected)
+        EXPECT_NE(result.err.find("  \"" + key + "\": \"" + value + "\""), std::string::npos)
+            << key << " should be " << value;
+}
+
+uint32_t littleEndian32(const std::string& bytes, size_t at)
+{
+    uint32_t value = 0;
+    for (size_t i = 0; i < 4; ++i)
+        value |= static_cast<uint32_t>(static_cast<unsigned char>(bytes[at + i])) << (8 * i);
+    return value;
+}
+
+TEST(EmulatedConfiguration, FirmwareImageHeaderMatchesItsPayload)
+{
+    std::ifstream file(std::string(K52_SOURCE_DIR) + "/etc/firmware/smartsensor.bin",
+                       std::ios::binary);
+    ASSERT_TRUE(file.is_open());
+    const std::string image{std::istreambuf_iterator<char>(file), {}};
+    ASSERT_GT(image.size(), 16u);
+    EXPECT_EQ(image.substr(0, 8), "K52SSFW1");
+    const uint32_t length = littleEndian32(image, 8);
+    ASSERT_EQ(length, image.size() - 16);
+    const auto* payload = reinterpret_cast<const Bytef*>(image.data() + 16);
+    EXPECT_EQ(littleEndian32(image, 12), static_cast<uint32_t>(crc32(0, payload, length)));
+}
+
+} // namespace
