@@ -1,0 +1,412 @@
+#include "core/container/containermanager.h"
+#include "support/syslogcapture.h"
+#include "support/tempdir.h"
+#include "utils/platform/emulated/board.h"
+#include "utils/platform/emulated/textfile.h"
+#include "utils/platform/kernel.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <syslog.h>
+
+#include <gtest/gtest.h>
+#include <tinyxml2.h>
+#include <zlib.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <optional>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+using k52app::ContainerManager;
+using k52app::K52Container;
+
+namespace {
+
+constexpr std::size_t xmlSize = 229376;
+constexpr std::size_t generalSize = 50333896;
+constexpr const char* hardware = "K52 test board";
+constexpr const char* serial = "00000000c0ffee52";
+
+std::vector<unsigned char> readFile(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+// Containers are little-endian whatever the reader's processor.
+uint32_t wordAt(const std::vector<unsigned char>& bytes, std::size_t offset)
+{
+    return uint32_t{bytes[offset]} | uint32_t{bytes[offset + 1]} << 8 |
+           uint32_t{bytes[offset + 2]} << 16 | uint32_t{bytes[offset + 3]} << 24;
+}
+
+uint32_t zlibChecksum(const std::vector<unsigned char>& bytes)
+{
+    return static_cast<uint32_t>(crc32(0, bytes.data(), static_cast<uInt>(bytes.size() - 4)));
+}
+
+bool exists(const std::string& path)
+{
+    struct stat info;
+    return ::lstat(path.c_str(), &info) == 0;
+}
+
+std::set<std::string> entries(const std::string& directory)
+{
+    std::set<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(directory))
+        names.insert(entry.path().filename().string());
+    return names;
+}
+
+std::size_t openDescriptors()
+{
+    return static_cast<std::size_t>(
+        std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                      std::filesystem::directory_iterator()));
+}
+
+// Every record's text after the "[file:line:function] " prefix, with its severity.
+std::vector<std::pair<int, std::string>> messages(const k52test::SyslogCapture& capture)
+{
+    std::vector<std::pair<int, std::string>> result;
+    for (const auto& record : capture.records()) {
+        auto text = record.text;
+        auto end = text.find("] ");
+        EXPECT_EQ(text.front(), '[');
+        EXPECT_EQ(text.back(), '\n');
+        result.emplace_back(record.priority & 7, text.substr(end + 2, text.size() - end - 3));
+    }
+    return result;
+}
+
+std::string hex(uint32_t value)
+{
+    char text[11];
+    std::snprintf(text, sizeof text, "0x%08x", value);
+    return text;
+}
+
+class ContainerManagerTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        previousMask_ = ::umask(022);
+        auto board = std::make_shared<utils::platform::emulated::EmulatedBoard>();
+        board->attach("/proc/cpuinfo", std::make_shared<utils::platform::emulated::TextFile>(
+                                           std::string("processor\t: 0\nHardware\t: ") +
+                                           hardware + "\nSerial\t\t: " + serial + "\n"));
+        previousKernel_ = utils::platform::installKernel(board);
+    }
+    void TearDown() override
+    {
+        utils::platform::installKernel(previousKernel_);
+        ::umask(previousMask_);
+    }
+
+    std::string prefix() const { return dir.path() + "/"; }
+    std::string xmlPath() const { return dir.file("k52XMLContainer"); }
+    std::string generalPath() const { return dir.file("k52generalContainer"); }
+
+    k52test::TempDir dir{"k52containers"};
+
+private:
+    mode_t previousMask_ = 0;
+    std::shared_ptr<utils::platform::Kernel> previousKernel_;
+};
+
+TEST_F(ContainerManagerTest, FilesHaveTheirSizeModeAndHeaders)
+{
+    ContainerManager manager(prefix());
+    struct Word {
+        std::size_t offset;
+        uint32_t value;
+    };
+    struct Case {
+        std::string path;
+        std::size_t size;
+        std::vector<Word> words;
+    };
+    const Case cases[] = {
+        {xmlPath(), xmlSize, {{0, 0x0510FFFF}, {4, 229376}, {8, 0x052A0201}, {12, 229364}}},
+        {generalPath(),
+         generalSize,
+         {{0, 0x0510FFFF},
+          {4, 50333896},
+          {8, 0x0510F000},
+          {12, 2144},
+          {2152, 0x0510F001},
+          {2156, 64},
+          {2216, 0x051A0801},
+          {2220, 20},
+          {2236, 0x051A0601},
+          {2240, 50331656}}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.path);
+        struct stat info;
+        ASSERT_EQ(::stat(c.path.c_str(), &info), 0);
+        EXPECT_TRUE(S_ISREG(info.st_mode));
+        EXPECT_EQ(info.st_mode & 07777, 0444u);
+        EXPECT_EQ(static_cast<std::size_t>(info.st_size), c.size);
+        const auto bytes = readFile(c.path);
+        ASSERT_EQ(bytes.size(), c.size);
+        for (const auto& word : c.words)
+            EXPECT_EQ(wordAt(bytes, word.offset), word.value) << "offset " << word.offset;
+        EXPECT_EQ(wordAt(bytes, c.size - 4), zlibChecksum(bytes)) << "checksum";
+    }
+}
+
+TEST_F(ContainerManagerTest, AccessorsPointIntoTheMappedFiles)
+{
+    ContainerManager manager(prefix());
+    auto offset = [](const void* base, const void* member) {
+        return static_cast<std::size_t>(static_cast<const char*>(member) -
+                                        static_cast<const char*>(base));
+    };
+    const void* xml = &manager.xmlContainer();
+    const void* general = &manager.generalContainer();
+    EXPECT_EQ(offset(xml, &manager.xmlBlock()), 16u);
+    EXPECT_EQ(offset(general, &manager.rtuSubContainer()), 8u);
+    EXPECT_EQ(offset(general, &manager.imxSubContainer()), 2152u);
+    EXPECT_EQ(offset(general, &manager.frameMetadataSubContainer()), 2216u);
+    EXPECT_EQ(offset(general, &manager.frameDataSubContainer()), 2236u);
+    EXPECT_EQ(offset(general, &manager.frameDataSubContainer().payload), 2244u);
+}
+
+TEST_F(ContainerManagerTest, XmlDocumentHoldsTheFactoryElements)
+{
+    const auto before = std::chrono::system_clock::now();
+    ContainerManager manager(prefix());
+    const auto after = std::chrono::system_clock::now();
+
+    const auto bytes = readFile(xmlPath());
+    const char* text = reinterpret_cast<const char*>(bytes.data() + 16);
+    const std::size_t length = strnlen(text, 229356);
+    ASSERT_LT(length, 229356u);
+    EXPECT_TRUE(std::all_of(bytes.begin() + 16 + length, bytes.end() - 4,
+                            [](unsigned char b) { return b == 0; }));
+
+    tinyxml2::XMLDocument document;
+    ASSERT_EQ(document.Parse(text), tinyxml2::XML_SUCCESS);
+    auto* root = document.RootElement();
+    ASSERT_STREQ(root->Name(), "device");
+    auto* factory = root->FirstChildElement();
+    ASSERT_STREQ(factory->Name(), "factory");
+    EXPECT_EQ(factory->NextSiblingElement(), nullptr);
+
+    std::vector<std::pair<std::string, std::string>> elements;
+    for (auto* e = factory->FirstChildElement(); e; e = e->NextSiblingElement())
+        elements.emplace_back(e->Name(), e->GetText() ? e->GetText() : "");
+    ASSERT_EQ(elements.size(), 7u);
+    const std::vector<std::pair<std::string, std::string>> fixed = {
+        {"name", "k52app"}, {"version", "1.3.1"}, {"hardware", hardware}, {"chipid", serial}};
+    EXPECT_EQ(std::vector(elements.begin(), elements.begin() + 4), fixed);
+    EXPECT_EQ(elements[4].first, "start-time");
+    EXPECT_EQ(elements[5].first, "curent-time");
+    EXPECT_EQ(elements[6], std::make_pair(std::string("brief"),
+                                          std::string("High performance hardware-proxy.")));
+
+    EXPECT_EQ(elements[4].second, elements[5].second);
+    const auto nanoseconds = [](auto time) {
+        return std::chrono::duration_cast<std::chrono::nanoseconds>(time.time_since_epoch())
+            .count();
+    };
+    const long long startTime = std::stoll(elements[4].second);
+    EXPECT_GE(startTime, nanoseconds(before));
+    EXPECT_LE(startTime, nanoseconds(after));
+}
+
+TEST_F(ContainerManagerTest, UpdateChecksumCoversTheWrittenPayload)
+{
+    ContainerManager manager(prefix());
+    manager.frameMetadataSubContainer().payload = {640, 480, 0x56595559};
+    manager.frameDataSubContainer().payload.bytes[12345] = 0x5A;
+    const uint32_t general = manager.updateChecksum(K52Container::GENERAL);
+    std::memcpy(manager.xmlBlock().text, "<device/>", 9);
+    const uint32_t xml = manager.updateChecksum(K52Container::XML);
+
+    const auto generalBytes = readFile(generalPath());
+    EXPECT_EQ(wordAt(generalBytes, 2224), 640u);
+    EXPECT_EQ(general, zlibChecksum(generalBytes));
+    EXPECT_EQ(wordAt(generalBytes, generalSize - 4), general);
+    const auto xmlBytes = readFile(xmlPath());
+    EXPECT_EQ(xml, zlibChecksum(xmlBytes));
+    EXPECT_EQ(wordAt(xmlBytes, xmlSize - 4), xml);
+}
+
+TEST_F(ContainerManagerTest, LogsEachStepOfLifeExactly)
+{
+    k52test::SyslogCapture capture;
+    uint32_t xmlChecksum = 0;
+    uint32_t generalChecksum = 0;
+    {
+        ContainerManager manager(prefix());
+        xmlChecksum = manager.xmlContainer().checksum;
+        generalChecksum = manager.generalContainer().checksum;
+    }
+    const std::vector<std::pair<int, std::string>> expected = {
+        {LOG_DEBUG, "Mapping Containers."},
+        {LOG_DEBUG, "Mapped: " + xmlPath()},
+        {LOG_DEBUG, "Mapped: " + generalPath()},
+        {LOG_INFO, "Containers mapped successfully."},
+        {LOG_DEBUG, "Allocated Containers"},
+        {LOG_DEBUG, "Initializing XML Container."},
+        {LOG_DEBUG, "Initialized XML: checksum = " + hex(xmlChecksum)},
+        {LOG_INFO, "Initialized RTU SubContainer : size = 2144, id = 0x0510f000"},
+        {LOG_INFO, "Initialized IMX SubContainer : size = 64, id = 0x0510f001"},
+        {LOG_INFO, "Initialized Frame Metadata SubContainer : size = 20, id = 0x051a0801"},
+        {LOG_INFO, "Initialized Frame Data SubContainer : size = 50331656, id = 0x051a0601"},
+        {LOG_INFO, "Initialized generalContainer: checksum = " + hex(generalChecksum)},
+        {LOG_INFO, "Initialized Containers."},
+        {LOG_INFO, "Containers unmapped successfully."},
+        {LOG_DEBUG, "Container removed: " + xmlPath()},
+        {LOG_DEBUG, "Container removed: " + generalPath()},
+        {LOG_INFO, "Cleaned-up Containers."},
+    };
+    EXPECT_EQ(messages(capture), expected);
+}
+
+TEST_F(ContainerManagerTest, CleanUpRemovesBothFilesAndOpenRecreatesThem)
+{
+    const std::size_t descriptorsBefore = openDescriptors();
+    {
+        ContainerManager manager(prefix());
+        EXPECT_EQ(openDescriptors(), descriptorsBefore + 2);
+        manager.close();
+        EXPECT_FALSE(exists(xmlPath()));
+        EXPECT_FALSE(exists(generalPath()));
+        EXPECT_EQ(openDescriptors(), descriptorsBefore);
+        EXPECT_THROW(manager.xmlBlock(), std::logic_error);
+        EXPECT_THROW(manager.generalContainer(), std::logic_error);
+
+        manager.open();
+        EXPECT_EQ(readFile(xmlPath()).size(), xmlSize);
+        EXPECT_EQ(readFile(generalPath()).size(), generalSize);
+    }
+    EXPECT_FALSE(exists(xmlPath()));
+    EXPECT_FALSE(exists(generalPath()));
+    EXPECT_EQ(openDescriptors(), descriptorsBefore);
+}
+
+TEST_F(ContainerManagerTest, MovedManagerKeepsTheFiles)
+{
+    std::optional<ContainerManager> first(std::in_place, prefix());
+    ContainerManager second(std::move(*first));
+    first.reset();
+    EXPECT_TRUE(exists(xmlPath()));
+    EXPECT_EQ(second.getPath(K52Container::GENERAL), generalPath());
+    EXPECT_EQ(second.rtuSubContainer().identifier, 0x0510F000u);
+
+    k52test::TempDir other{"k52containers"};
+    ContainerManager third(other.path() + "/");
+    third = std::move(second);
+    EXPECT_FALSE(exists(other.file("k52XMLContainer")));
+    EXPECT_TRUE(exists(xmlPath()));
+    EXPECT_THROW(second.getPath(K52Container::XML), std::out_of_range);
+}
+
+TEST_F(ContainerManagerTest, PrefixIsJoinedAsItStandsAndDirectoriesAreCreated)
+{
+    struct Case {
+        std::string prefix;
+        std::string xmlPath;
+        std::vector<std::string> createdDirectories;
+    };
+    const Case cases[] = {
+        {dir.path() + "/var/run/cam/", dir.path() + "/var/run/cam/k52XMLContainer",
+         {dir.path() + "/var", dir.path() + "/var/run", dir.path() + "/var/run/cam"}},
+        {dir.path() + "/flat", dir.path() + "/flatk52XMLContainer", {}},
+        {dir.path() + "//double//", dir.path() + "//double//k52XMLContainer",
+         {dir.path() + "/double"}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.prefix);
+        ContainerManager manager(c.prefix);
+        EXPECT_EQ(manager.getPath(K52Container::XML), c.xmlPath);
+        EXPECT_TRUE(exists(c.xmlPath));
+        for (const auto& directory : c.createdDirectories) {
+            struct stat info;
+            ASSERT_EQ(::stat(directory.c_str(), &info), 0) << directory;
+            EXPECT_TRUE(S_ISDIR(info.st_mode)) << directory;
+            EXPECT_EQ(info.st_mode & 07777, 0755u) << directory;
+        }
+    }
+}
+
+TEST_F(ContainerManagerTest, FailedConstructionLeavesNothingBehind)
+{
+    struct Case {
+        std::string name;
+        std::string prefix;
+        std::string blocker; // a path made into an obstacle before construction
+        bool blockerIsDirectory;
+        std::string message;
+    };
+    const Case cases[] = {
+        {"directory under a file", dir.path() + "/blocker/sub/", dir.file("blocker"), false,
+         "Failed to create directory: " + dir.path() + "/blocker/sub - Not a directory"},
+        {"general file is a directory", prefix(), dir.file("k52generalContainer/keep"), true,
+         "Failed to open file: " + dir.path() + "/k52generalContainer"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        if (c.blockerIsDirectory)
+            std::filesystem::create_directories(c.blocker);
+        else
+            dir.writeFile("blocker", "not a directory");
+        const auto before = entries(dir.path());
+        const std::size_t descriptorsBefore = openDescriptors();
+        try {
+            ContainerManager manager(c.prefix);
+            ADD_FAILURE() << "construction succeeded";
+        } catch (const std::runtime_error& error) {
+            EXPECT_EQ(std::string(error.what()), c.message);
+        }
+        EXPECT_EQ(entries(dir.path()), before);
+        EXPECT_EQ(openDescriptors(), descriptorsBefore);
+        std::filesystem::remove_all(c.blockerIsDirectory ? dir.file("k52generalContainer")
+                                                         : c.blocker);
+    }
+}
+
+TEST_F(ContainerManagerTest, StaleFilesAreReplaced)
+{
+    for (const auto& path : {xmlPath(), generalPath()}) {
+        dir.writeFile(std::filesystem::path(path).filename(), std::string(xmlSize + 4096, '\xAB'));
+        ::chmod(path.c_str(), 0644);
+    }
+    ContainerManager manager(prefix());
+
+    const auto xml = readFile(xmlPath());
+    ASSERT_EQ(xml.size(), xmlSize);
+    const auto documentEnd = 16 + strnlen(reinterpret_cast<const char*>(xml.data() + 16), 229356);
+    EXPECT_TRUE(std::all_of(xml.begin() + documentEnd, xml.end() - 4,
+                            [](unsigned char b) { return b == 0; }));
+
+    const auto general = readFile(generalPath());
+    ASSERT_EQ(general.size(), generalSize);
+    // Apart from the four sub-container headers, the payloads are zero.
+    const std::pair<std::size_t, std::size_t> payloads[] = {
+        {16, 2152}, {2160, 2216}, {2224, 2236}, {2244, generalSize - 4}};
+    for (const auto& [begin, end] : payloads) {
+        EXPECT_TRUE(std::all_of(general.begin() + begin, general.begin() + end,
+                                [](unsigned char b) { return b == 0; }))
+            << begin;
+    }
+    for (const auto& path : {xmlPath(), generalPath()}) {
+        struct stat info;
+        ASSERT_EQ(::stat(path.c_str(), &info), 0);
+        EXPECT_EQ(info.st_mode & 07777, 0444u);
+    }
+}
+
+} // namespace

@@ -1,0 +1,285 @@
+#include "utils/base/exceptions.h"
+#include "utils/container/xmlblock.h"
+#include "utils/container/xmlblockserializer.h"
+
+#include <gtest/gtest.h>
+#include <tinyxml2.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+using utils::XmlContainerBlock;
+using utils::XMLBlockSerializer;
+
+namespace {
+
+constexpr std::size_t blockSize = 229356;
+
+class XmlBlockTest : public ::testing::Test {
+protected:
+    // Value-initialised: a zero-filled block, as in a new container file.
+    std::unique_ptr<XmlContainerBlock> block = std::make_unique<XmlContainerBlock>();
+
+    void store(const std::string& text)
+    {
+        std::memset(block->text, 0, blockSize);
+        std::memcpy(block->text, text.data(), text.size());
+    }
+    std::string text() const { return std::string(block->text, strnlen(block->text, blockSize)); }
+    bool zeroAfterText() const
+    {
+        auto* end = block->text + blockSize;
+        return std::all_of(block->text + text().size(), end, [](char c) { return c == 0; });
+    }
+};
+
+// "device/a#2/b": element names from the root down, with the id attribute where there is one.
+std::string describe(const tinyxml2::XMLElement* element)
+{
+    if (!element)
+        return "null";
+    std::string name = element->Name();
+    if (const char* id = element->Attribute("id"))
+        name += std::string("#") + id;
+    auto* parent = element->Parent() ? element->Parent()->ToElement() : nullptr;
+    return parent ? describe(parent) + "/" + name : name;
+}
+
+int countElements(const tinyxml2::XMLElement* element)
+{
+    int count = 1;
+    for (auto* child = element->FirstChildElement(); child; child = child->NextSiblingElement())
+        count += countElements(child);
+    return count;
+}
+
+TEST_F(XmlBlockTest, ZeroBlockStartsFreshDocumentSilently)
+{
+    testing::internal::CaptureStderr();
+    {
+        XMLBlockSerializer serializer(*block, "device");
+        serializer.commit();
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+
+    tinyxml2::XMLDocument stored;
+    ASSERT_EQ(stored.Parse(block->text), tinyxml2::XML_SUCCESS);
+    ASSERT_NE(stored.FirstChild()->ToDeclaration(), nullptr);
+    auto* root = stored.FirstChildElement();
+    ASSERT_NE(root, nullptr);
+    EXPECT_STREQ(root->Name(), "device");
+    EXPECT_EQ(root->FirstChild(), nullptr);
+    EXPECT_EQ(root->NextSibling(), nullptr);
+    EXPECT_TRUE(zeroAfterText());
+}
+
+TEST_F(XmlBlockTest, OnlyAttributeErrorsAreReportedThenDocumentStartsFresh)
+{
+    struct Case {
+        const char* text;
+        int reportedLine; // 0: nothing on standard error
+    };
+    const Case cases[] = {
+        {"<device a=1/>", 1},
+        {"<?xml version=\"1.0\"?>\n<device>\n<a b=c/>\n</device>", 3},
+        {"<device>", 0},
+        {"hello", 0},
+        {"<device><a></b></device>", 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
+        store(c.text);
+        testing::internal::CaptureStderr();
+        XMLBlockSerializer serializer(*block, "fresh");
+        std::string report = testing::internal::GetCapturedStderr();
+
+        if (c.reportedLine) {
+            tinyxml2::XMLDocument reference;
+            reference.Parse(c.text);
+            EXPECT_EQ(report, "XML Line " + std::to_string(c.reportedLine) + ": " +
+                                  reference.ErrorStr() + "\n");
+        } else {
+            EXPECT_EQ(report, "");
+        }
+        // Nothing is written before commit.
+        EXPECT_EQ(text(), c.text);
+
+        auto* root = serializer.findElement("/");
+        ASSERT_NE(root, nullptr);
+        EXPECT_EQ(describe(root), "fresh");
+        EXPECT_EQ(root->FirstChild(), nullptr);
+    }
+}
+
+TEST_F(XmlBlockTest, ParsableBlockKeepsItsDocumentAndRoot)
+{
+    store("<device><factory><name>k52app</name></factory></device>");
+    XMLBlockSerializer serializer(*block, "other");
+    auto* name = serializer.findElement("/factory/name");
+    EXPECT_EQ(describe(name), "device/factory/name");
+    EXPECT_STREQ(name->GetText(), "k52app");
+}
+
+TEST_F(XmlBlockTest, WalksFollowTheirOwnRules)
+{
+    enum Walk { find, findOrCreate };
+    struct Case {
+        Walk walk;
+        const char* path;
+        const char* expected;
+        int created;
+    };
+    const Case cases[] = {
+        {findOrCreate, "/a", "device/a#1", 0},
+        {find, "/a", "device/a#2", 0},
+        {find, "/a/b", "device/a#2/b", 0},
+        {findOrCreate, "/a/b", "device/a#1/b", 1},
+        {find, "", "device", 0},
+        {find, "/", "device", 0},
+        {findOrCreate, "", "device", 0},
+        {findOrCreate, "///", "device", 0},
+        {find, "/factory/name", "device/factory/name", 0},
+        {find, "/factory/none", "device/factory", 0},
+        {find, "/factory/missing/x", "device/factory", 0},
+        {find, "/none", "device", 0},
+        {findOrCreate, "factory/name", "device/factory/name", 0},
+        {findOrCreate, "//factory//name/", "device/factory/name", 0},
+        {findOrCreate, "/factory/v4l2/card", "device/factory/v4l2/card", 2},
+        {findOrCreate, "/settings/route", "device/settings/route", 2},
+    };
+    const std::string document = "<device><a id=\"1\"/><a id=\"2\"><b/></a>"
+                                 "<factory><name/></factory></device>";
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.path);
+        store(document);
+        XMLBlockSerializer serializer(*block, "device");
+        auto* root = serializer.findElement("");
+        const int before = countElements(root);
+        auto* element = c.walk == find ? serializer.findElement(c.path)
+                                       : serializer.findOrCreateElement(c.path);
+        EXPECT_EQ(describe(element), c.expected);
+        EXPECT_EQ(countElements(root) - before, c.created);
+        if (c.created) {
+            // Appended: the new element is its parent's last child.
+            EXPECT_EQ(element->NextSibling(), nullptr);
+        }
+    }
+}
+
+TEST_F(XmlBlockTest, FindOrCreateTwiceCreatesOnce)
+{
+    XMLBlockSerializer serializer(*block, "device");
+    auto* first = serializer.findOrCreateElement("/factory/name");
+    auto* second = serializer.findOrCreateElement("/factory/name");
+    EXPECT_EQ(first, second);
+    EXPECT_EQ(countElements(serializer.findElement("/")), 3);
+}
+
+TEST_F(XmlBlockTest, DocumentWithoutElementGivesNullAndRefusesInsert)
+{
+    store("<!-- only a comment -->");
+    XMLBlockSerializer serializer(*block, "device");
+    EXPECT_EQ(serializer.findElement("/"), nullptr);
+    EXPECT_EQ(serializer.findOrCreateElement("/factory/name"), nullptr);
+    EXPECT_THROW(serializer.insert("/factory/name", int32_t{1}, true), utils::UtilsRuntimeError);
+}
+
+TEST_F(XmlBlockTest, InsertWritesStreamTextOfValue)
+{
+    unsigned char card[32] = "emulated sensor";
+    unsigned char full[32];
+    std::memset(full, 'x', sizeof full);
+
+    XMLBlockSerializer serializer(*block, "device");
+    serializer.insert("/v/negative", int32_t{-2147483647 - 1}, true);
+    serializer.insert("/v/unsigned", uint32_t{4294967295u}, false);
+    serializer.insert("/v/card", card, true);
+    serializer.insert("/v/full", full, true);
+    serializer.commit();
+
+    EXPECT_EQ(XMLBlockSerializer::to_string(uint64_t{18446744073709551615u}),
+              "18446744073709551615");
+    tinyxml2::XMLDocument stored;
+    ASSERT_EQ(stored.Parse(block->text), tinyxml2::XML_SUCCESS);
+    auto* values = stored.FirstChildElement("device")->FirstChildElement("v");
+    EXPECT_STREQ(values->FirstChildElement("negative")->GetText(), "-2147483648");
+    EXPECT_STREQ(values->FirstChildElement("unsigned")->GetText(), "4294967295");
+    EXPECT_STREQ(values->FirstChildElement("card")->GetText(), "emulated sensor");
+    EXPECT_EQ(std::string(values->FirstChildElement("full")->GetText()), std::string(32, 'x'));
+}
+
+TEST_F(XmlBlockTest, CommitNeedsRoomForTheTerminatingZero)
+{
+    const std::string previous = "<device><previous/></device>";
+    // The printed length grows one for one with the text of a single element.
+    std::size_t overhead;
+    {
+        store(previous);
+        XMLBlockSerializer serializer(*block, "device");
+        serializer.findOrCreateElement("/t")->SetText("x");
+        serializer.commit();
+        overhead = text().size() - 1;
+    }
+    struct Case {
+        std::size_t printedLength;
+        bool fits;
+    };
+    const Case cases[] = {{blockSize - 1, true}, {blockSize, false}, {blockSize + 1, false}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.printedLength);
+        store(previous);
+        const std::vector<char> before(block->text, block->text + blockSize);
+        XMLBlockSerializer serializer(*block, "device");
+        serializer.findOrCreateElement("/t")->SetText(
+            std::string(c.printedLength - overhead, 'x').c_str());
+        if (c.fits) {
+            serializer.commit();
+            EXPECT_EQ(text().size(), c.printedLength);
+            EXPECT_EQ(block->text[blockSize - 1], 0);
+            continue;
+        }
+        try {
+            serializer.commit();
+            ADD_FAILURE() << "commit did not throw";
+        } catch (const utils::UtilsOutOfRangeError& error) {
+            EXPECT_EQ(std::string(error.what()), "XML content size=" +
+                                                     std::to_string(c.printedLength) +
+                                                     ", block-size=229356");
+        }
+        EXPECT_EQ(std::memcmp(block->text, before.data(), blockSize), 0)
+            << "a failed commit changed the block";
+    }
+}
+
+TEST_F(XmlBlockTest, SmallerCommitLeavesNoTraceOfLargerText)
+{
+    {
+        XMLBlockSerializer serializer(*block, "device");
+        serializer.findOrCreateElement("/big")->SetText(std::string(100000, 'y').c_str());
+        serializer.commit();
+    }
+    // Left behind after the terminating zero by some other writer.
+    std::memset(block->text + text().size() + 1, 'z', 1000);
+    {
+        XMLBlockSerializer serializer(*block, "device");
+        serializer.findElement("/")->DeleteChildren();
+        serializer.commit();
+    }
+    EXPECT_EQ(text().find('y'), std::string::npos);
+    EXPECT_TRUE(zeroAfterText());
+}
+
+TEST_F(XmlBlockTest, EditsWithoutCommitAreLost)
+{
+    store("<device/>");
+    {
+        XMLBlockSerializer serializer(*block, "device");
+        serializer.insert("/factory/name", int32_t{1}, true);
+    }
+    EXPECT_EQ(text(), "<device/>");
+}
+
+} // namespace
