@@ -1,0 +1,31 @@
+#pragma once
+
+#include "utils/io/iofile.h"
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+
+namespace utils {
+
+// A device node that exposes a register file: each 32-bit little-endian register sits at its
+// byte address and is reached with pread/pwrite at that offset; larger tables are blocks of
+// bytes at their own address. Shared by the board's own modules (ToF, illumination, autofocus).
+// Every failure names the register, the device path and the reason.
+class IORegisterFile : public IOFile {
+public:
+    using IOFile::IOFile;
+
+protected:
+    uint32_t readRegister(uint32_t address, const char* name) const;
+    void writeRegister(uint32_t address, uint32_t value, const char* name) const;
+    void readBlock(uint32_t address, void* data, size_t length, const char* name) const;
+    void writeBlock(uint32_t address, const void* data, size_t length, const char* name) const;
+
+    // Polls the register until (value & mask) == expected and returns that value. Throws
+    // IOError "... timed out waiting for <what>" when `timeout` passes first.
+    uint32_t waitForBits(uint32_t address, const char* name, uint32_t mask, uint32_t expected,
+                         std::chrono::milliseconds timeout, const char* what) const;
+};
+
+} // namespace utils

@@ -1,0 +1,110 @@
+#pragma once
+
+#include "utils/io/ioregisterfile.h"
+
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace utils {
+
+// The time-of-flight distance sensor: a 4x4 or 8x8 grid of zones, each measuring the distance
+// to the scene in millimetres. The register map is in docs/hardware/tof.md.
+//
+// The constructor does not touch the device; init_tof_sensor() opens and boots it. Every
+// operation takes the object's own lock, so callers on several threads need none. Device and
+// timeout failures throw IOError; a sensor in the wrong state or bad data throw
+// UtilsRuntimeError.
+class IOToF : public IORegisterFile {
+public:
+    // The zone count of each grid.
+    enum Resolution : uint8_t { RESOLUTION_4X4 = 16, RESOLUTION_8X8 = 64 };
+    enum PowerMode : uint8_t { SLEEP = 0, WAKEUP = 1 };
+    enum RangingMode : uint8_t { CONTINUOUS = 1, AUTONOMOUS = 3 };
+
+    static constexpr size_t maxZones = 64;
+    static constexpr uint32_t deviceId = 0x4B520001;
+
+    struct Register {
+        static constexpr uint32_t id = 0x00;
+        static constexpr uint32_t status = 0x04;
+        static constexpr uint32_t command = 0x08;
+        static constexpr uint32_t resolution = 0x0C;
+        static constexpr uint32_t frequency = 0x10;
+        static constexpr uint32_t powerMode = 0x14;
+        static constexpr uint32_t rangingMode = 0x18;
+        static constexpr uint32_t integrationTime = 0x1C;
+        static constexpr uint32_t calibrationReflectance = 0x20;
+        static constexpr uint32_t calibrationSamples = 0x24;
+        static constexpr uint32_t calibrationDistance = 0x28;
+        static constexpr uint32_t crossTalk = 0x2C;
+        static constexpr uint32_t calibrationEnable = 0x30;
+        static constexpr uint32_t frameCount = 0x34;
+        static constexpr uint32_t temperature = 0x38;
+        static constexpr uint32_t factoryOffsets = 0x100;   // 64 x int16, read-only
+        static constexpr uint32_t factoryChecksum = 0x180;  // CRC-32 of the 128 bytes above
+        static constexpr uint32_t offsetTable = 0x200;      // 64 x int16, applied offsets
+        static constexpr uint32_t results = 0x400;          // 64 x uint16 distances
+    };
+    struct Status {
+        static constexpr uint32_t booted = 1u << 0;
+        static constexpr uint32_t ranging = 1u << 1;
+        static constexpr uint32_t dataReady = 1u << 2;
+        static constexpr uint32_t calibrated = 1u << 3;
+        static constexpr uint32_t crossTalkBusy = 1u << 4;
+        static constexpr uint32_t crossTalkValid = 1u << 5;
+    };
+    enum class Command : uint32_t { boot = 1, startRanging = 2, stopRanging = 3, crossTalk = 4 };
+
+    explicit IOToF(std::string path, int flags = O_RDWR);
+    ~IOToF() override;
+
+    // Opens the device, checks its identity and boots it; afterwards the sensor is alive.
+    void init_tof_sensor();
+    // Loads the module's factory zone offsets (checked by their CRC) into the sensor.
+    void apply_calibration();
+    // Throws UtilsRuntimeError unless init_tof_sensor() has succeeded.
+    void throwIfDead() const;
+
+    void get_resolution(Resolution* resolution) const;
+    void set_resolution(Resolution resolution);
+    // Ranging frequency in Hz: 1-60 at 4x4, 1-15 at 8x8.
+    void get_frequency(unsigned char* hertz) const;
+    void set_frequency(unsigned char hertz);
+    void get_power_mode(PowerMode* mode) const;
+    void set_power_mode(PowerMode mode);
+    void get_ranging_mode(RangingMode* mode) const;
+    void set_ranging_mode(RangingMode mode);
+    // Integration time in microseconds.
+    void get_integration_time(unsigned int* microseconds) const;
+    void set_integration_time(unsigned microseconds);
+
+    // Parameters of the cross-talk calibration: the target's reflectance, the number of
+    // frames averaged and the target's distance in millimetres.
+    void set_calibration_reflectance_percent(unsigned short percent);
+    void set_calibration_nb_samples(unsigned char samples);
+    void set_calibration_distance(unsigned short millimetres);
+    // Measures the cover glass cross-talk against the target described above.
+    void xtalk_calibration();
+
+    void start_ranging();
+    void stop_ranging();
+    // Takes one measurement (starting and stopping ranging around it unless ranging already
+    // runs) and keeps its distances for results().
+    void shot();
+    // The distances of the last shot in millimetres, one per zone in zone order (row by row);
+    // empty before the first shot.
+    std::vector<uint16_t> results() const;
+
+private:
+    void command(Command what) const;
+    void requireAwake() const;
+
+    mutable std::mutex mutex_;
+    bool alive_ = false;
+    bool ranging_ = false;
+    std::vector<uint16_t> results_;
+};
+
+} // namespace utils
