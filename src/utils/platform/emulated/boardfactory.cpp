@@ -1,5 +1,14 @@
+#include "utils/platform/emulated/autofocusmodel.h"
 #include "utils/platform/emulated/board.h"
+#include "utils/platform/emulated/gpiochip.h"
+#include "utils/platform/emulated/i2cbus.h"
+#include "utils/platform/emulated/illuminationmodel.h"
+#include "utils/platform/emulated/imxmodel.h"
+#include "utils/platform/emulated/rtumodel.h"
+#include "utils/platform/emulated/smartsensormodel.h"
 #include "utils/platform/emulated/textfile.h"
+#include "utils/platform/emulated/tofmodel.h"
+#include "utils/platform/emulated/v4l2sensor.h"
 
 #include <sstream>
 
@@ -44,6 +53,16 @@ std::shared_ptr<Kernel> makeEmulatedKernel(const std::map<std::string, std::stri
                                              "Hardware\t: K52 emulated board\n"
                                              "Revision\t: 0001\n"
                                              "Serial\t\t: 00000000e52a0b1c\n"));
+    // The buses first: the RTU and the smart sensor put themselves on them.
+    attachI2CBuses(*board);
+    attachRTU(*board);
+    attachIMX(*board);
+    attachV4L2Sensor(*board);
+    attachAutoFocus(*board);
+    attachIllumination(*board);
+    attachToF(*board);
+    attachSmartSensor(*board);
+    attachGPIOChip(*board, configuration);
     injectConfiguredFaults(*board, configuration);
     return board;
 }

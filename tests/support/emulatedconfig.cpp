@@ -1,0 +1,65 @@
+#include "support/emulatedconfig.h"
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace k52test {
+
+uint16_t freePort()
+{
+    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
+        if (fd >= 0)
+            ::close(fd);
+        throw std::runtime_error("no free port");
+    }
+    ::close(fd);
+    return ntohs(address.sin_port);
+}
+
+EmulatedConfig::EmulatedConfig(const Overrides& overrides) : dir_("k52config")
+{
+    std::ifstream example(std::string(K52_SOURCE_DIR) + "/etc/k52app-emulated.conf");
+    for (std::string line; std::getline(example, line);) {
+        if (line.empty() || line[0] == '#')
+            continue;
+        auto split = line.find('=');
+        if (split != std::string::npos)
+            values_[line.substr(0, split)] = line.substr(split + 1);
+    }
+    values_["container-path"] = containerDir();
+    values_["static-files"] = std::string(K52_SOURCE_DIR) + "/etc/static-frames";
+    values_["smart-sensor-fw-path"] = std::string(K52_SOURCE_DIR) + "/etc/firmware/smartsensor.bin";
+    uint16_t control = freePort();
+    uint16_t stream = freePort();
+    while (stream == control)
+        stream = freePort();
+    values_["socket-ctrl"] = std::to_string(control);
+    values_["socket-stream"] = std::to_string(stream);
+    for (const auto& [key, value] : overrides) {
+        if (value)
+            values_[key] = *value;
+        else
+            values_.erase(key);
+    }
+    std::ostringstream text;
+    for (const auto& [key, value] : values_)
+        text << key << "=" << value << "\n";
+    path_ = dir_.writeFile("k52app.conf", text.str());
+}
+
+uint16_t EmulatedConfig::controlPort() const { return static_cast<uint16_t>(std::stoi(values_.at("socket-ctrl"))); }
+
+uint16_t EmulatedConfig::streamPort() const { return static_cast<uint16_t>(std::stoi(values_.at("socket-stream"))); }
+
+} // namespace k52test

@@ -1,0 +1,257 @@
+#include "core/k52resourcemanager.h"
+#include "k52app/configparser.h"
+#include "support/emulatedconfig.h"
+#include "support/syslogcapture.h"
+#include "utils/base/exceptions.h"
+#include "utils/platform/kernel.h"
+
+#include <gtest/gtest.h>
+#include <tinyxml2.h>
+#include <zlib.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+using k52app::K52ResourceGroups;
+using k52app::K52ResourceManager;
+using k52test::EmulatedConfig;
+
+namespace {
+
+// The daemon's view of one configuration: parsed from the file, the emulated board selected
+// with the file's own emulated-* keys.
+struct Daemon {
+    explicit Daemon(const EmulatedConfig::Overrides& overrides = {}) : config(overrides)
+    {
+        const char* argv[] = {"k52app", "-c", config.path().c_str()};
+        parser = std::make_unique<k52app::ConfigParser>(3, argv);
+        utils::platform::selectPlatform("emulated", parser->values);
+    }
+    ~Daemon() { utils::platform::installKernel(nullptr); }
+
+    EmulatedConfig config;
+    std::unique_ptr<k52app::ConfigParser> parser;
+};
+
+std::string readFile(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+uint32_t word(const std::string& bytes, size_t offset)
+{
+    uint32_t value;
+    std::memcpy(&value, bytes.data() + offset, sizeof value);
+    return value;
+}
+
+bool logged(const k52test::SyslogCapture& capture, const std::string& text)
+{
+    for (const auto& record : capture.records())
+        if (record.text.find(text) != std::string::npos)
+            return true;
+    return false;
+}
+
+TEST(ResourceManager, PublishesTheEmulatedBoardInTheXmlContainer)
+{
+    Daemon daemon;
+    K52ResourceManager resources(*daemon.parser);
+
+    std::string file = readFile(daemon.config.containerDir() + "k52XMLContainer");
+    ASSERT_EQ(file.size(), 229376u);
+    uLong crc = crc32(0, reinterpret_cast<const Bytef*>(file.data()), 229372);
+    EXPECT_EQ(word(file, 229372), static_cast<uint32_t>(crc));
+
+    tinyxml2::XMLDocument document;
+    ASSERT_EQ(document.Parse(file.c_str() + 16), tinyxml2::XML_SUCCESS);
+    auto* v4l2 = document.RootElement()->FirstChildElement("factory")->FirstChildElement("v4l2");
+    ASSERT_TRUE(v4l2);
+    EXPECT_STREQ(v4l2->FirstChildElement("capabilities")->FirstChildElement("driver")->GetText(),
+                 reinterpret_cast<const char*>(resources.v4l2().getCapabilities().driver));
+
+    auto formats = resources.v4l2().getCaptureResolutions();
+    auto* formatsElement = v4l2->FirstChildElement("formats");
+    EXPECT_EQ(formatsElement->FirstChildElement("count")->UnsignedText(), formats.size());
+    for (const auto& format : formats) {
+        std::string fourcc = utils::IOV4L2::fourccToString(format.description.pixelformat);
+        auto* element = formatsElement->FirstChildElement(fourcc.c_str());
+        ASSERT_TRUE(element) << fourcc;
+        EXPECT_EQ(element->FirstChildElement("fourcc")->UnsignedText(), format.description.pixelformat);
+        auto* size = element->FirstChildElement("resolutions")->FirstChildElement();
+        for (const auto& expected : format.sizes) {
+            ASSERT_TRUE(size) << fourcc;
+            EXPECT_EQ(size->FirstChildElement("width")->UnsignedText(), expected.width);
+            EXPECT_EQ(size->FirstChildElement("height")->UnsignedText(), expected.height);
+            size = size->NextSiblingElement();
+        }
+        EXPECT_FALSE(size) << "more resolutions than the device offers";
+    }
+    EXPECT_GE(formats.size(), 2u);
+
+    auto controls = resources.v4l2().getControls();
+    auto* controlsElement = v4l2->FirstChildElement("controls");
+    EXPECT_EQ(controlsElement->FirstChildElement("count")->UnsignedText(), controls.size());
+    bool sawMenu = false;
+    for (const auto& [id, control] : controls) {
+        auto* element = controlsElement->FirstChildElement(("id-" + std::to_string(id)).c_str());
+        ASSERT_TRUE(element) << id;
+        EXPECT_STREQ(element->FirstChildElement("name")->GetText(),
+                     reinterpret_cast<const char*>(control.query.name));
+        EXPECT_EQ(element->FirstChildElement("max")->IntText(), control.query.maximum);
+        if (!control.menu.empty()) {
+            sawMenu = true;
+            auto* menu = element->FirstChildElement("menu");
+            ASSERT_TRUE(menu);
+            for (const auto& entry : control.menu) {
+                auto* item = menu->FirstChildElement(("index-" + std::to_string(entry.index)).c_str());
+                ASSERT_TRUE(item);
+                EXPECT_STREQ(item->FirstChildElement("name")->GetText(),
+                             reinterpret_cast<const char*>(entry.name));
+            }
+        }
+    }
+    EXPECT_TRUE(sawMenu) << "the emulated sensor offers a menu control";
+
+    // Static files: one empty element per image file of the directory, in name order.
+    std::vector<std::string> expected;
+    for (const auto& entry : std::filesystem::directory_iterator(daemon.config.values().at("static-files")))
+        if (entry.path().extension() == ".pgm" || entry.path().extension() == ".ppm")
+            expected.push_back(entry.path().filename());
+    std::sort(expected.begin(), expected.end());
+    ASSERT_FALSE(expected.empty());
+    std::vector<std::string> listed;
+    auto* staticFiles = document.RootElement()->FirstChildElement("factory")->FirstChildElement("static-files");
+    ASSERT_TRUE(staticFiles);
+    for (auto* e = staticFiles->FirstChildElement(); e; e = e->NextSiblingElement()) {
+        listed.push_back(e->Name());
+        EXPECT_FALSE(e->FirstChild());
+    }
+    EXPECT_EQ(listed, expected);
+    EXPECT_EQ(resources.staticFrames().size(), expected.size());
+}
+
+TEST(ResourceManager, ToleratedInitialisationFailuresAreLoggedAndStartUpGoesOn)
+{
+    struct Case {
+        const char* fault;
+        const char* path;
+        const char* line;
+    };
+    const Case cases[] = {
+        {"emulated-fault-open", "/dev/k52rtu", "K52ResourceManager: RTU initialization failed: "},
+        {"emulated-fault-io", "/dev/k52rtu", "K52ResourceManager: RTU initialization failed: "},
+        {"emulated-fault-open", "/dev/k52af",
+         "K52ResourceManager: No autofocus device configured. check your configuration"},
+        {"emulated-fault-open", "/dev/k52illum",
+         "K52ResourceManager: No autofocus device configured. check your configuration"},
+        {"emulated-fault-open", "/dev/k52tof", "K52ResourceManager: ToF initialization failed: "},
+        {"emulated-fault-open", "/dev/i2c-5", "K52ResourceManager: SmartSensor initialization failed: "},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.fault) + " " + c.path);
+        Daemon daemon({{c.fault, std::string(c.path)}});
+        k52test::SyslogCapture capture;
+        K52ResourceManager resources(*daemon.parser);
+        EXPECT_TRUE(logged(capture, c.line));
+        EXPECT_TRUE(logged(capture, "K52ResourceManager Initialized."));
+    }
+}
+
+TEST(ResourceManager, SuccessfulStartUpLogsEveryDevice)
+{
+    Daemon daemon;
+    k52test::SyslogCapture capture;
+    K52ResourceManager resources(*daemon.parser);
+    for (const char* line : {"K52ResourceManager: mutexes initialized.", "RTU initialized with CMOS chip 'imx296'",
+                             "K52ResourceManager: AutoFocus device initialized.",
+                             "K52ResourceManager: Illumination device initialized.", "IMX initialized.",
+                             "K52ResourceManager: V4L2 initialized.", "SmartSensor initialized.",
+                             "ToF initialized.", "K52ResourceManager: socket-ctrl initialized.",
+                             "K52ResourceManager: socket-stream initialized.",
+                             "K52ResourceManager: static files initialized."})
+        EXPECT_TRUE(logged(capture, line)) << line;
+    EXPECT_TRUE(logged(capture, "SmartSensor booting '" + daemon.config.values().at("smart-sensor-fw-path") +
+                                    "' to 0x40@/dev/i2c-5'."));
+}
+
+TEST(ResourceManager, FatalConfigurationAndDeviceFailures)
+{
+    struct Case {
+        EmulatedConfig::Overrides overrides;
+        const char* message;
+        bool configNotFound;
+    };
+    const Case cases[] = {
+        {{{"tof-path", std::nullopt}}, "map::at", true},
+        {{{"rtu-path", std::nullopt}}, "map::at", true},
+        {{{"rtu-i2c-address", std::string("abc")}}, "stoi", true},
+        {{{"button-line", std::string("99999999999")}}, "stoi", true},
+        {{{"socket-stream", std::nullopt}}, "K52ResourceManager: 'socket-ctrl' or 'socket-ctrl' have invalid values", false},
+        {{{"socket-ctrl", std::string("5000")}, {"socket-stream", std::string("5000")}},
+         "K52ResourceManager: 'socket-ctrl' or 'socket-ctrl' have invalid values", false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.message);
+        Daemon daemon(c.overrides);
+        k52test::SyslogCapture capture;
+        try {
+            K52ResourceManager resources(*daemon.parser);
+            ADD_FAILURE() << "started";
+        } catch (const utils::UtilsOutOfRangeError& e) {
+            EXPECT_STREQ(e.what(), c.message);
+        }
+        EXPECT_EQ(logged(capture, std::string("K52ResourceManager: config not found.") + c.message),
+                  c.configNotFound);
+        EXPECT_FALSE(std::filesystem::exists(daemon.config.containerDir() + "k52XMLContainer"));
+    }
+}
+
+TEST(ResourceManager, DevicesThatMustOpenFailStartUp)
+{
+    for (const char* path : {"/dev/imx0", "/dev/video0"}) {
+        SCOPED_TRACE(path);
+        Daemon daemon({{"emulated-fault-open", std::string(path)}});
+        EXPECT_THROW(K52ResourceManager resources(*daemon.parser), utils::IOError);
+        EXPECT_FALSE(std::filesystem::exists(daemon.config.containerDir() + "k52generalContainer"));
+    }
+}
+
+TEST(ResourceManager, PortIsTruncatedToSixteenBits)
+{
+    uint16_t port = k52test::freePort();
+    Daemon daemon({{"socket-ctrl", std::to_string(port + 65536)}});
+    K52ResourceManager resources(*daemon.parser);
+    EXPECT_EQ(resources.controlSocket().localPort(), port);
+}
+
+TEST(ResourceManager, GroupMutexes)
+{
+    Daemon daemon;
+    K52ResourceManager resources(*daemon.parser);
+    EXPECT_NO_THROW(resources.getMutex(K52ResourceGroups::XML_CONTAINER));
+    EXPECT_NO_THROW(resources.getMutex(K52ResourceGroups::SPARE_13));
+    EXPECT_NE(&resources.getMutex(K52ResourceGroups::RTU), &resources.getMutex(K52ResourceGroups::IMX));
+    try {
+        resources.getMutex(static_cast<K52ResourceGroups>(14));
+        FAIL() << "group 14 exists";
+    } catch (const utils::UtilsRuntimeError& e) {
+        EXPECT_STREQ(e.what(), "K52ResourceManager: No such resource group: 14");
+    }
+}
+
+TEST(ResourceManager, ContainersAreRemovedWithTheManager)
+{
+    Daemon daemon;
+    {
+        K52ResourceManager resources(*daemon.parser);
+        EXPECT_TRUE(std::filesystem::exists(daemon.config.containerDir() + "k52generalContainer"));
+    }
+    EXPECT_FALSE(std::filesystem::exists(daemon.config.containerDir() + "k52XMLContainer"));
+    EXPECT_FALSE(std::filesystem::exists(daemon.config.containerDir() + "k52generalContainer"));
+}
+
+} // namespace
