@@ -1,0 +1,67 @@
+#pragma once
+
+#include "core/resourcegroups.h"
+#include "core/routereply.h"
+#include "utils/router/commandrouter.h"
+
+#include <string>
+#include <vector>
+
+namespace tinyxml2 {
+class XMLDocument;
+class XMLElement;
+} // namespace tinyxml2
+
+namespace k52app {
+
+class AckReport;
+class Capture;
+class K52ResourceManager;
+
+// Every route of the daemon: registration by family, the help written into the XML container
+// as routes are registered, and the same help rendered on demand.
+class K52CommandRouter : public utils::CommandRouter {
+public:
+    K52CommandRouter(K52ResourceManager& resources, Capture& capture, AckReport& ackReport);
+
+    // Registers every family in its fixed order.
+    void registerK52Commands();
+
+    void registerRoute(const std::string& name, const std::string& description,
+                       const utils::SpinnerMetaData& metadata, const RouteHandler& handler);
+
+    // Appends one element per route (ascending name) to `parent`, created in `document`.
+    void toXml(tinyxml2::XMLElement* parent, tinyxml2::XMLDocument* document) const;
+
+private:
+    // One row of a family's table.
+    struct RouteEntry {
+        std::string name;
+        std::string description;
+        utils::SpinnerMetaData metadata;
+        RouteHandler handler;
+    };
+    void registerRoutes(const std::vector<RouteEntry>& family);
+
+    // Families, one source file each under src/core/route/.
+    void registerContainerCommands();
+    void registerStaticFrameCommands();
+    void registerV4L2Commands();
+    void registerIMXCommands();
+    void registerRTUCommands();
+    void registerAutoFocusCommands();
+    void registerIlluminationCommands();
+    void registerI2CCommands();
+    void registerI2CRTUCommands();
+    void registerSmartSensorCommands();
+    void registerToFCommands();
+    void registerCpuInfoCommands();
+    void registerGPIOCommands();
+    void registerCaptureCommands();
+
+    K52ResourceManager& resources_;
+    Capture& capture_;
+    AckReport& ackReport_;
+};
+
+} // namespace k52app

@@ -1,0 +1,18 @@
+#include "core/routereply.h"
+
+#include "utils/base/exceptions.h"
+
+namespace k52app {
+
+RouteReply RouteReplyBuilder::guard(const std::function<RouteReply()>& body) const
+{
+    try {
+        return body();
+    } catch (const utils::IOError& e) {
+        return {status_ + "IOException", prefix_ + e.what()};
+    } catch (const utils::UtilsRuntimeError& e) {
+        return {status_ + "RuntimeError", prefix_ + e.what()};
+    }
+}
+
+} // namespace k52app

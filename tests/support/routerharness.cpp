@@ -1,0 +1,36 @@
+#include "support/routerharness.h"
+
+#include "utils/platform/kernel.h"
+
+namespace k52test {
+
+RouterHarness::RouterHarness(const EmulatedConfig::Overrides& overrides) : config(overrides)
+{
+    const char* argv[] = {"k52app", "-c", config.path().c_str()};
+    parser = std::make_unique<k52app::ConfigParser>(3, argv);
+    utils::platform::selectPlatform("emulated", parser->values);
+    board_ = std::dynamic_pointer_cast<utils::platform::emulated::EmulatedBoard>(
+        utils::platform::installKernel(nullptr));
+    utils::platform::installKernel(board_);
+    resources = std::make_unique<k52app::K52ResourceManager>(*parser);
+    capture = std::make_unique<k52app::Capture>(*resources);
+    ackReport = std::make_unique<k52app::AckReport>(*resources);
+    router = std::make_unique<k52app::K52CommandRouter>(*resources, *capture, *ackReport);
+    router->registerK52Commands();
+}
+
+RouterHarness::~RouterHarness()
+{
+    router.reset();
+    ackReport.reset();
+    capture.reset();
+    resources.reset();
+    utils::platform::installKernel(nullptr);
+}
+
+k52app::RouteReply RouterHarness::run(const std::string& command)
+{
+    return router->dispatch(command).spin();
+}
+
+} // namespace k52test
