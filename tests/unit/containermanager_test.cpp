@@ -165,23 +165,6 @@ TEST_F(ContainerManagerTest, FilesHaveTheirSizeModeAndHeaders)
     }
 }
 
-TEST_F(ContainerManagerTest, AccessorsPointIntoTheMappedFiles)
-{
-    ContainerManager manager(prefix());
-    auto offset = [](const void* base, const void* member) {
-        return static_cast<std::size_t>(static_cast<const char*>(member) -
-                                        static_cast<const char*>(base));
-    };
-    const void* xml = &manager.xmlContainer();
-    const void* general = &manager.generalContainer();
-    EXPECT_EQ(offset(xml, &manager.xmlBlock()), 16u);
-    EXPECT_EQ(offset(general, &manager.rtuSubContainer()), 8u);
-    EXPECT_EQ(offset(general, &manager.imxSubContainer()), 2152u);
-    EXPECT_EQ(offset(general, &manager.frameMetadataSubContainer()), 2216u);
-    EXPECT_EQ(offset(general, &manager.frameDataSubContainer()), 2236u);
-    EXPECT_EQ(offset(general, &manager.frameDataSubContainer().payload), 2244u);
-}
-
 TEST_F(ContainerManagerTest, XmlDocumentHoldsTheFactoryElements)
 {
     const auto before = std::chrono::system_clock::now();
@@ -225,20 +208,28 @@ TEST_F(ContainerManagerTest, XmlDocumentHoldsTheFactoryElements)
     EXPECT_LE(startTime, nanoseconds(after));
 }
 
-TEST_F(ContainerManagerTest, UpdateChecksumCoversTheWrittenPayload)
+TEST_F(ContainerManagerTest, WritesThroughAccessorsLandAtTheirOffsetsAndAreChecksummed)
 {
     ContainerManager manager(prefix());
+    // The device records' own fields belong to their drivers: only their first bytes matter here.
+    *reinterpret_cast<unsigned char*>(&manager.rtuSubContainer().payload) = 0x11;
+    *reinterpret_cast<unsigned char*>(&manager.imxSubContainer().payload) = 0x22;
     manager.frameMetadataSubContainer().payload = {640, 480, 0x56595559};
-    manager.frameDataSubContainer().payload.bytes[12345] = 0x5A;
+    manager.frameDataSubContainer().payload.bytes[12345] = 0x33;
     const uint32_t general = manager.updateChecksum(K52Container::GENERAL);
     std::memcpy(manager.xmlBlock().text, "<device/>", 9);
     const uint32_t xml = manager.updateChecksum(K52Container::XML);
 
     const auto generalBytes = readFile(generalPath());
+    EXPECT_EQ(generalBytes[16], 0x11);
+    EXPECT_EQ(generalBytes[2160], 0x22);
     EXPECT_EQ(wordAt(generalBytes, 2224), 640u);
+    EXPECT_EQ(wordAt(generalBytes, 2232), 0x56595559u);
+    EXPECT_EQ(generalBytes[2244 + 12345], 0x33);
     EXPECT_EQ(general, zlibChecksum(generalBytes));
     EXPECT_EQ(wordAt(generalBytes, generalSize - 4), general);
     const auto xmlBytes = readFile(xmlPath());
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(xmlBytes.data() + 16), 9), "<device/>");
     EXPECT_EQ(xml, zlibChecksum(xmlBytes));
     EXPECT_EQ(wordAt(xmlBytes, xmlSize - 4), xml);
 }
