@@ -1,0 +1,211 @@
+#include "support/daemonprocess.h"
+
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+
+extern char** environ;
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <utility>
+
+namespace k52test {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+bool acceptsConnections(uint16_t port)
+{
+    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    ::close(fd);
+    return ok;
+}
+
+int decode(int status)
+{
+    if (WIFEXITED(status))
+        return WEXITSTATUS(status);
+    if (WIFSIGNALED(status))
+        return 128 + WTERMSIG(status);
+    return -1;
+}
+
+} // namespace
+
+DaemonProcess::DaemonProcess(const EmulatedConfig::Overrides& overrides,
+                             const std::vector<std::string>& extraArguments)
+    : config_(overrides), socketPath_(config_.dir().file("syslog.sock"))
+{
+    sink_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, socketPath_.c_str(), sizeof address.sun_path - 1);
+    if (sink_ < 0 || ::bind(sink_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
+        throw std::runtime_error("cannot bind the syslog sink " + socketPath_);
+    int size = 4 << 20;
+    ::setsockopt(sink_, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
+    std::vector<std::string> arguments = {K52APP_BINARY, "-c", config_.path()};
+    arguments.insert(arguments.end(), extraArguments.begin(), extraArguments.end());
+    std::string errorPath = config_.dir().file("stderr.txt");
+    std::vector<std::string> environment = {
+        std::string("LD_PRELOAD=") + K52_SYSLOG_SHIM,
+        "K52TEST_SYSLOG_SOCKET=" + socketPath_,
+        "ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=1",
+    };
+    for (char** e = environ; *e; ++e) {
+        std::string entry = *e;
+        if (entry.rfind("LD_PRELOAD=", 0) != 0 && entry.rfind("ASAN_OPTIONS=", 0) != 0)
+            environment.push_back(entry);
+    }
+    std::vector<char*> argv, envp;
+    for (auto& a : arguments)
+        argv.push_back(a.data());
+    argv.push_back(nullptr);
+    for (auto& e : environment)
+        envp.push_back(e.data());
+    envp.push_back(nullptr);
+
+    // Only async-signal-safe calls between fork and exec.
+    pid_ = ::fork();
+    if (pid_ == 0) {
+        int err = ::open(errorPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        ::dup2(err, STDERR_FILENO);
+        // Run from the source tree, as a developer does, so relative paths of the
+        // configuration resolve.
+        if (::chdir(K52_SOURCE_DIR) != 0)
+            ::_exit(126);
+        ::execve(argv[0], argv.data(), envp.data());
+        ::_exit(127);
+    }
+    collector_ = std::thread([this] { collect(); });
+    auto deadline = Clock::now() + std::chrono::seconds(20);
+    while (!acceptsConnections(config_.controlPort())) {
+        if (!running() || Clock::now() > deadline) {
+            std::string error = standardError();
+            release();
+            throw std::runtime_error("k52app did not start listening: " + error);
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+}
+
+DaemonProcess::~DaemonProcess() { release(); }
+
+void DaemonProcess::release()
+{
+    if (running()) {
+        ::kill(pid_, SIGKILL);
+        ::waitpid(pid_, nullptr, 0);
+    }
+    {
+        std::lock_guard lock(mutex_);
+        collecting_ = false;
+    }
+    if (collector_.joinable())
+        collector_.join();
+    if (sink_ >= 0)
+        ::close(std::exchange(sink_, -1));
+}
+
+bool DaemonProcess::running()
+{
+    if (pid_ <= 0 || status_ >= 0)
+        return false;
+    int status;
+    if (::waitpid(pid_, &status, WNOHANG) == pid_) {
+        status_ = decode(status);
+        return false;
+    }
+    return true;
+}
+
+int DaemonProcess::wait(std::chrono::milliseconds timeout)
+{
+    auto deadline = Clock::now() + timeout;
+    while (running()) {
+        if (Clock::now() > deadline)
+            return -1;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return status_;
+}
+
+int DaemonProcess::stop(int signal, std::chrono::milliseconds timeout)
+{
+    if (running())
+        ::kill(pid_, signal);
+    return wait(timeout);
+}
+
+void DaemonProcess::collect()
+{
+    char buffer[16384];
+    for (;;) {
+        {
+            std::lock_guard lock(mutex_);
+            if (!collecting_)
+                return;
+        }
+        pollfd p{sink_, POLLIN, 0};
+        if (::poll(&p, 1, 50) <= 0)
+            continue;
+        ssize_t n = ::recv(sink_, buffer, sizeof buffer, 0);
+        if (n <= 0)
+            continue;
+        std::string datagram(buffer, static_cast<size_t>(n));
+        auto close = datagram.find('>');
+        if (datagram.empty() || datagram[0] != '<' || close == std::string::npos)
+            continue;
+        DaemonRecord record{std::stoi(datagram.substr(1, close - 1)), datagram.substr(close + 1)};
+        std::lock_guard lock(mutex_);
+        records_.push_back(std::move(record));
+    }
+}
+
+std::vector<DaemonRecord> DaemonProcess::records() const
+{
+    std::lock_guard lock(mutex_);
+    return records_;
+}
+
+long DaemonProcess::findRecord(const std::string& text, size_t from) const
+{
+    std::lock_guard lock(mutex_);
+    for (size_t i = from; i < records_.size(); ++i)
+        if (records_[i].text.find(text) != std::string::npos)
+            return static_cast<long>(i);
+    return -1;
+}
+
+bool DaemonProcess::waitForRecord(const std::string& text, std::chrono::milliseconds timeout) const
+{
+    auto deadline = Clock::now() + timeout;
+    while (findRecord(text) < 0) {
+        if (Clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
+std::string DaemonProcess::standardError() const
+{
+    std::ifstream file(config_.dir().file("stderr.txt"));
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+} // namespace k52test

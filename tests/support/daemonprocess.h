@@ -1,0 +1,66 @@
+#pragma once
+
+#include "support/emulatedconfig.h"
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace k52test {
+
+// One syslog record of the daemon under test.
+struct DaemonRecord {
+    int priority;
+    std::string text;
+};
+
+// The real k52app binary on the emulated board, with its own configuration (container
+// directory, ports) and its syslog records collected through a preloaded shim.
+class DaemonProcess {
+public:
+    // Starts the daemon and waits until its control socket accepts connections.
+    explicit DaemonProcess(const EmulatedConfig::Overrides& overrides = {},
+                           const std::vector<std::string>& extraArguments = {});
+    // Stops the daemon (SIGKILL if it still runs).
+    ~DaemonProcess();
+    DaemonProcess(const DaemonProcess&) = delete;
+    DaemonProcess& operator=(const DaemonProcess&) = delete;
+
+    const EmulatedConfig& config() const { return config_; }
+    pid_t pid() const { return pid_; }
+
+    // Sends `signal` and waits for the exit; returns the exit status (128 + n for a signal,
+    // -1 on timeout).
+    int stop(int signal, std::chrono::milliseconds timeout = std::chrono::seconds(10));
+    // Waits for the process to end by itself.
+    int wait(std::chrono::milliseconds timeout);
+    bool running();
+
+    std::vector<DaemonRecord> records() const;
+    // Waits until a record containing `text` arrives; false on timeout.
+    bool waitForRecord(const std::string& text,
+                       std::chrono::milliseconds timeout = std::chrono::seconds(5)) const;
+    // Index of the first record containing `text` at or after `from`, or -1.
+    long findRecord(const std::string& text, size_t from = 0) const;
+    std::string standardError() const;
+
+private:
+    void collect();
+    void release();
+
+    EmulatedConfig config_;
+    std::string socketPath_;
+    int sink_ = -1;
+    pid_t pid_ = -1;
+    int status_ = -1;
+    std::thread collector_;
+    bool collecting_ = true;
+    mutable std::mutex mutex_;
+    std::vector<DaemonRecord> records_;
+};
+
+} // namespace k52test
