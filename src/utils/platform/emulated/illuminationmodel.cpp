@@ -51,7 +51,10 @@ void IlluminationModel::advance()
 {
     auto now = Clock::now();
     double dt = std::chrono::duration<double>(now - updated_).count();
-    double target = fullOutputWarmthC * outputFraction();
+    double output = outputFraction();
+    if (ambientC() + warmthC_ > derateAboveC)
+        output /= 2.0; // derated
+    double target = fullOutputWarmthC * output;
     warmthC_ += (target - warmthC_) * (1.0 - std::exp(-dt / warmthTimeConstantS));
     updated_ = now;
 }
