@@ -11,13 +11,25 @@ packages=(
   systemd
 )
 
+# The OpenCL kernel lives at a fixed path, as on the camera.
+install_kernel() {
+  if [ -x scripts/install-opencl-kernel.sh ]; then
+    scripts/install-opencl-kernel.sh
+  fi
+}
+
+cd "$(dirname "$0")/.."
+
 missing=()
 for p in "${packages[@]}"; do
   if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
     missing+=("$p")
   fi
 done
-[ ${#missing[@]} -eq 0 ] && exit 0
+if [ ${#missing[@]} -eq 0 ]; then
+  install_kernel
+  exit 0
+fi
 
 echo "setup: installing ${missing[*]}" >&2
 sudo_cmd=()
@@ -27,3 +39,4 @@ if ! "${sudo_cmd[@]}" apt-get install -y --no-install-recommends "${missing[@]}"
   "${sudo_cmd[@]}" apt-get update
   "${sudo_cmd[@]}" apt-get install -y --no-install-recommends "${missing[@]}"
 fi
+install_kernel
