@@ -11,6 +11,7 @@
 #include <tinyxml2.h>
 
 #include <functional>
+#include <thread>
 #include <optional>
 
 namespace {
@@ -220,6 +221,30 @@ TEST_F(RTUTest, AnalogOutputIsOneStateOnEveryInterface)
     writeLine(enableLine, "on"); // not a number: the line keeps its level
     EXPECT_TRUE(rtu.getAnalogOutputState());
     EXPECT_EQ(readLine(enableLine), "0\n");
+}
+
+// The three interfaces are used from different threads (route workers, the heartbeat).
+TEST_F(RTUTest, InterfacesMayBeUsedConcurrently)
+{
+    constexpr int rounds = 200;
+    std::thread node([&] {
+        for (int i = 0; i < rounds; ++i) {
+            rtu.setAnalogOutputState(i % 2);
+            rtu.triggerHeartbeat();
+        }
+    });
+    std::thread bus([&] {
+        utils::IOI2CRTU other("/dev/i2c-1", 66, O_RDWR);
+        for (int i = 0; i < rounds; ++i)
+            other.writeRTUHalfwordRegister(16, static_cast<unsigned short>(i));
+    });
+    for (int i = 0; i < rounds; ++i)
+        writeLine(typeLine, i % 2 ? "0" : "1");
+    node.join();
+    bus.join();
+    EXPECT_EQ(rtu.getHeartbeatCount(), static_cast<unsigned>(rounds));
+    EXPECT_EQ(rtu.getAnalogOutputVoltage(), rounds - 1u);
+    EXPECT_TRUE(rtu.getAnalogOutputType()); // the last line write (0) selected current
 }
 
 TEST_F(RTUTest, I2CRegistersOutsideTheAnalogOutputAreReadOnly)
