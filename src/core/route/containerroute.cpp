@@ -1,7 +1,139 @@
 #include "core/commandrouter.h"
+#include "core/k52resourcemanager.h"
+#include "k52app/logrecord.h"
+#include "utils/base/crc.h"
+#include "utils/base/exceptions.h"
+#include "utils/container/xmlblockserializer.h"
+
+#include <tinyxml2.h>
+
+#include <cstring>
+#include <iostream>
+#include <mutex>
+#include <string>
+#include <vector>
 
 namespace k52app {
 
-void K52CommandRouter::registerContainerCommands() {}
+namespace {
+
+using Arguments = std::vector<std::string>;
+
+const std::string statusPath = "/settings/status";
+
+// The XML descriptor message: the XML container as it stands, with the length of its used part
+// (header, text and NUL, checksum) at offset 4 and the rest of the frame at offset 12, like an
+// acknowledgement frame of kind 0x052A0201. The checksum of the used part follows the text and
+// is repeated in the last four bytes; all 229376 bytes are sent whatever the used length, so a
+// reader always reads one fixed-size block.
+std::vector<unsigned char> descriptorMessage(const utils::XMLContainer& container, uint32_t& checksum)
+{
+    std::vector<unsigned char> message(sizeof container);
+    std::memcpy(message.data(), &container, sizeof container);
+    const auto& block = container.subContainer<0>().payload;
+    const auto textLength = static_cast<uint32_t>(::strnlen(block.text, sizeof block.text));
+    constexpr uint32_t headerSize = 16;
+    // The serializer keeps a NUL after the text, so the used part never exceeds the message.
+    const uint32_t used = headerSize + textLength + 1 + sizeof checksum;
+    const uint32_t rest = used - 12;
+    std::memcpy(message.data() + 4, &used, sizeof used);
+    std::memcpy(message.data() + 12, &rest, sizeof rest);
+    checksum = utils::CRCSum32(message.data(), used - sizeof checksum, utils::XMLContainer::seed);
+    std::memcpy(message.data() + used - sizeof checksum, &checksum, sizeof checksum);
+    std::memcpy(message.data() + message.size() - sizeof checksum, &checksum, sizeof checksum);
+    return message;
+}
+
+// Only an existing status element is cleared: when the walk stops at an ancestor, there is no
+// old status, and the ancestor (the route help, the factory data) must stay.
+void clearStatus(tinyxml2::XMLElement* found)
+{
+    auto* parent = found->Parent() ? found->Parent()->ToElement() : nullptr;
+    if (std::strcmp(found->Name(), "status") == 0 && parent && std::strcmp(parent->Name(), "settings") == 0)
+        parent->DeleteChild(found);
+}
+
+// The status data changed the general container; re-checksum it unless a frame is being
+// written, in which case that writer re-checksums with the frame. Waiting would stall behind a
+// running stream while this route holds the control socket the stream reports on.
+void refreshGeneralChecksum(K52ResourceManager& resources)
+{
+    std::unique_lock lock(resources.getMutex(K52ResourceGroups::GENERAL_CONTAINER), std::try_to_lock);
+    if (!lock.owns_lock())
+        return;
+    auto& general = resources.containers().generalContainer();
+    general.checksum = resources.containers().updateChecksum(K52Container::GENERAL);
+}
+
+} // namespace
+
+void K52CommandRouter::registerContainerCommands()
+{
+    K52ResourceManager* resources = &resources_;
+    const utils::SpinnerMetaData none;
+
+    auto sendXmlDescriptor = [this, resources, reply = RouteReplyBuilder("Error", "GetXmlDescriptor: ")](
+                                 const Arguments&) {
+        return reply.guard([&] {
+            std::lock_guard xmlLock(resources->getMutex(K52ResourceGroups::XML_CONTAINER));
+            std::lock_guard controlLock(resources->getMutex(K52ResourceGroups::CTRL_SOCKET));
+            ContainerManager& containers = resources->containers();
+
+            utils::XMLBlockSerializer serializer(containers.xmlBlock(), "device");
+            auto* found = serializer.findElement(statusPath);
+            if (!found)
+                throw utils::UtilsOutOfRangeError("Node not found.");
+            clearStatus(found);
+            auto* status = serializer.findOrCreateElement(statusPath + "/");
+            toXml(status, status->GetDocument());
+            {
+                std::lock_guard statusLock(resources->getMutex(K52ResourceGroups::DEVICE_STATUS));
+                auto& imxData = containers.imxSubContainer().payload;
+                {
+                    std::lock_guard imxLock(resources->getMutex(K52ResourceGroups::IMX));
+                    imxData.load(resources->imx());
+                }
+                auto* imx = serializer.findOrCreateElement(statusPath + "/imx");
+                std::cout << "eIMX : " << imx->Name() << std::endl;
+                imxData.toXml(imx);
+
+                auto& rtuData = containers.rtuSubContainer().payload;
+                {
+                    std::lock_guard rtuLock(resources->getMutex(K52ResourceGroups::RTU));
+                    rtuData.load(resources->rtu());
+                }
+                rtuData.toXml(serializer.findOrCreateElement(statusPath + "/rtu"));
+                refreshGeneralChecksum(*resources);
+            }
+            serializer.commit();
+            containers.updateChecksum(K52Container::XML);
+
+            uint32_t checksum = 0;
+            const auto message = descriptorMessage(containers.xmlContainer(), checksum);
+            resources->controlSocket().send(message.data(), message.size());
+            K52_LOG(info) << "XML Container Sent " << message.size() << " bytes, CRC=" << hex32(checksum);
+            return reply.ok("XML Container Sent CRC=" + hex32(checksum));
+        });
+    };
+
+    auto sendGeneralContainer = [resources, reply = RouteReplyBuilder("Error", "GetGeneralContainer: ")](
+                                    const Arguments&) {
+        return reply.guard([&] {
+            std::lock_guard containerLock(resources->getMutex(K52ResourceGroups::GENERAL_CONTAINER));
+            std::lock_guard streamLock(resources->getMutex(K52ResourceGroups::STREAM_SOCKET));
+            ContainerManager& containers = resources->containers();
+            // Only the leading word: clients take it as the signal that the container holds a frame.
+            resources->streamSocket().send(&containers.generalContainer().identifier, sizeof(uint32_t));
+            const auto& frame = containers.frameMetadataSubContainer().payload;
+            return reply.ok("Frame Container Sent Height: " + std::to_string(frame.height) +
+                            " Width: " + std::to_string(frame.width));
+        });
+    };
+
+    registerRoutes({
+        {"GetXmlDescriptor", "Streams the XML descriptor", none, sendXmlDescriptor},
+        {"GetGeneralContainer", "Streams the general container", none, sendGeneralContainer},
+    });
+}
 
 } // namespace k52app
