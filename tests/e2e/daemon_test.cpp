@@ -236,6 +236,18 @@ TEST(DaemonLifecycle, StartUpFailuresExitOne)
     }
 }
 
+TEST(DaemonLifecycle, ServesActivatedSocketsByName)
+{
+    DaemonProcess daemon(DaemonProcess::SocketActivation{});
+    ControlClient client("127.0.0.1", daemon.controlPort());
+    EXPECT_EQ(client.command("help").status(), "OK");
+    EXPECT_TRUE(daemon.waitForRecord("K52ResourceManager: Using systemd for handling sockets."));
+    k52client::Connection stream("127.0.0.1", daemon.streamPort());
+    stream.sendAll("ping", 4);
+    EXPECT_TRUE(daemon.waitForRecord("Received message: 'ping'."));
+    EXPECT_EQ(daemon.stop(SIGTERM), 0);
+}
+
 TEST(DaemonLifecycle, HeartbeatFailureIsWarnedOnce)
 {
     DaemonProcess daemon({{"emulated-fault-io", std::string("/dev/k52rtu")}});

@@ -46,9 +46,44 @@ int decode(int status)
 
 } // namespace
 
+namespace {
+
+EmulatedConfig::Overrides withoutPorts(EmulatedConfig::Overrides overrides)
+{
+    overrides["socket-ctrl"] = std::nullopt;
+    overrides["socket-stream"] = std::nullopt;
+    return overrides;
+}
+
+} // namespace
+
 DaemonProcess::DaemonProcess(const EmulatedConfig::Overrides& overrides,
                              const std::vector<std::string>& extraArguments)
-    : config_(overrides), socketPath_(config_.dir().file("syslog.sock"))
+    : config_(overrides),
+      controlPort_(config_.controlPort()),
+      streamPort_(config_.streamPort()),
+      socketPath_(config_.dir().file("syslog.sock"))
+{
+    start({}, extraArguments);
+}
+
+DaemonProcess::DaemonProcess(SocketActivation, const EmulatedConfig::Overrides& overrides)
+    : config_(withoutPorts(overrides)),
+      controlPort_(freePort()),
+      streamPort_(freePort()),
+      socketPath_(config_.dir().file("syslog.sock"))
+{
+    while (streamPort_ == controlPort_)
+        streamPort_ = freePort();
+    start({"/usr/bin/systemd-socket-activate", "-l", "127.0.0.1:" + std::to_string(controlPort_),
+           "-l", "127.0.0.1:" + std::to_string(streamPort_), "--fdname=ctrl:stream",
+           "-E", "K52TEST_SYSLOG_SOCKET=" + socketPath_, "-E", std::string("LD_PRELOAD=") + K52_SYSLOG_SHIM,
+           "-E", "ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=1"},
+          {});
+}
+
+void DaemonProcess::start(const std::vector<std::string>& launcher,
+                          const std::vector<std::string>& extraArguments)
 {
     sink_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     sockaddr_un address{};
@@ -58,7 +93,9 @@ DaemonProcess::DaemonProcess(const EmulatedConfig::Overrides& overrides,
         throw std::runtime_error("cannot bind the syslog sink " + socketPath_);
     int size = 4 << 20;
     ::setsockopt(sink_, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
-    std::vector<std::string> arguments = {K52APP_BINARY, "-c", config_.path()};
+    std::vector<std::string> arguments = launcher;
+    for (const auto& a : std::vector<std::string>{K52APP_BINARY, "-c", config_.path()})
+        arguments.push_back(a);
     arguments.insert(arguments.end(), extraArguments.begin(), extraArguments.end());
     std::string errorPath = config_.dir().file("stderr.txt");
     std::vector<std::string> environment = {
@@ -93,7 +130,7 @@ DaemonProcess::DaemonProcess(const EmulatedConfig::Overrides& overrides,
     }
     collector_ = std::thread([this] { collect(); });
     auto deadline = Clock::now() + std::chrono::seconds(20);
-    while (!acceptsConnections(config_.controlPort())) {
+    while (!acceptsConnections(controlPort_)) {
         if (!running() || Clock::now() > deadline) {
             std::string error = standardError();
             release();

@@ -25,6 +25,15 @@ public:
     // Starts the daemon and waits until its control socket accepts connections.
     explicit DaemonProcess(const EmulatedConfig::Overrides& overrides = {},
                            const std::vector<std::string>& extraArguments = {});
+
+    // Starts the daemon the way the service manager does: systemd-socket-activate holds the
+    // two listening sockets (named "ctrl" and "stream") and starts k52app on the first
+    // connection; the configuration names no ports.
+    struct SocketActivation {};
+    DaemonProcess(SocketActivation, const EmulatedConfig::Overrides& overrides = {});
+
+    uint16_t controlPort() const { return controlPort_; }
+    uint16_t streamPort() const { return streamPort_; }
     // Stops the daemon (SIGKILL if it still runs).
     ~DaemonProcess();
     DaemonProcess(const DaemonProcess&) = delete;
@@ -49,10 +58,13 @@ public:
     std::string standardError() const;
 
 private:
+    void start(const std::vector<std::string>& launcher, const std::vector<std::string>& extraArguments);
     void collect();
     void release();
 
     EmulatedConfig config_;
+    uint16_t controlPort_ = 0;
+    uint16_t streamPort_ = 0;
     std::string socketPath_;
     int sink_ = -1;
     pid_t pid_ = -1;
