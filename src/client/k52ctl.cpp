@@ -1,11 +1,13 @@
 // k52ctl: talks to a running k52app from a terminal.
 #include "client/connection.h"
 #include "client/containers.h"
+#include "client/descriptor.h"
 
 #include <unistd.h>
 
 #include <csignal>
 #include <cstdio>
+#include <fstream>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -24,11 +26,14 @@ void usage()
     std::cerr << "Usage: k52ctl [--host HOST] [--port PORT] ROUTE [ARGS...]\n"
                  "       k52ctl [--host HOST] [--port PORT] watch\n"
                  "       k52ctl [--dir DIR/] containers\n"
+                 "       k52ctl [--host HOST] [--port PORT] xml [FILE]\n"
                  "\n"
                  "  ROUTE [ARGS...]  send one command, print its acknowledgement; exit 0 for OK\n"
                  "  watch            print every notice the daemon sends until Ctrl-C\n"
                  "  containers       verify the two container files in DIR (framing and CRC)\n"
                  "  help [ROUTE]     the daemon's list of routes, or one route's arguments\n"
+                 "  xml [FILE]       fetch the XML descriptor, verify it and save the document\n"
+                 "                   (default FILE: k52-descriptor.xml)\n"
                  "\n"
                  "Defaults: --host 127.0.0.1 --port 4460 --dir /tmp/k52app-emulated/\n";
 }
@@ -104,6 +109,23 @@ int watch(const Options& options)
     return 0;
 }
 
+int xmlDescriptor(const Options& options)
+{
+    const std::string path = options.words.size() > 1 ? options.words[1] : "k52-descriptor.xml";
+    k52client::ControlClient client(options.host, options.port);
+    auto [descriptor, ack] = k52client::fetchXmlDescriptor(client);
+    for (const auto& notice : client.unsolicited())
+        printNotice(notice);
+    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    file << descriptor.document << '\n';
+    if (!file.flush())
+        throw std::runtime_error("cannot write " + path);
+    std::printf("%s: %zu bytes of XML (message %u of 229376 bytes used, crc 0x%08x ok)\n", path.c_str(),
+                descriptor.document.size(), descriptor.usedLength, descriptor.checksum);
+    std::cout << paint(ack.color, ack.status()) << " " << ack.reply() << std::endl;
+    return 0;
+}
+
 int containers(const Options& options)
 {
     int status = 0;
@@ -138,6 +160,8 @@ int main(int argc, char** argv)
             return watch(options);
         if (verb == "containers")
             return containers(options);
+        if (verb == "xml")
+            return xmlDescriptor(options);
         return sendCommand(options);
     } catch (const std::exception& e) {
         std::cerr << "k52ctl: " << e.what() << std::endl;
