@@ -8,6 +8,8 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -40,6 +42,23 @@ public:
     K52ResourceManager& resources() { return resources_; }
 
 private:
+    // What tells the control and the stream channel apart; the loops are shared.
+    struct Channel {
+        const char* name; // "CTRL" or "STREAM"
+        utils::TCPSocket& socket;
+        std::mutex& group;
+        bool lockAccept; // the control socket accepts under its group, the stream socket not
+    };
+    Channel controlChannel();
+    Channel streamChannel();
+    // Accepts one client at a time until the daemon stops; `serve` handles each client.
+    void acceptClients(const Channel& channel, void (Core::*serve)(int));
+    // Receives payloads from `client` until it leaves or the daemon stops, handing each to
+    // `consume`; then stops any stream and closes the client.
+    void receiveUntilGone(const Channel& channel, int client,
+                          const std::function<void(const std::string&)>& consume);
+    void handleCommand(const std::string& payload);
+
     void processSpinners();
     void ctrlSocketHandler();
     void ctrlProducerTask(int client);

@@ -58,8 +58,18 @@ EmulatedConfig::EmulatedConfig(const Overrides& overrides) : dir_("k52config")
     path_ = dir_.writeFile("k52app.conf", text.str());
 }
 
-uint16_t EmulatedConfig::controlPort() const { return static_cast<uint16_t>(std::stoi(values_.at("socket-ctrl"))); }
+namespace {
 
-uint16_t EmulatedConfig::streamPort() const { return static_cast<uint16_t>(std::stoi(values_.at("socket-stream"))); }
+uint16_t port(const std::map<std::string, std::string>& values, const char* key)
+{
+    auto it = values.find(key);
+    return it == values.end() ? 0 : static_cast<uint16_t>(std::stoi(it->second));
+}
+
+} // namespace
+
+uint16_t EmulatedConfig::controlPort() const { return port(values_, "socket-ctrl"); }
+
+uint16_t EmulatedConfig::streamPort() const { return port(values_, "socket-stream"); }
 
 } // namespace k52test

@@ -24,6 +24,7 @@ public:
     const std::string& path() const { return path_; }
     std::string containerDir() const { return dir_.path() + "/containers/"; }
     const std::map<std::string, std::string>& values() const { return values_; }
+    // 0 when the configuration names no port.
     uint16_t controlPort() const;
     uint16_t streamPort() const;
     const TempDir& dir() const { return dir_; }
