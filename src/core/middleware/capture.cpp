@@ -1,9 +1,255 @@
 #include "core/middleware/capture.h"
 
+#include "core/k52resourcemanager.h"
+#include "core/middleware/acceleratedprocessing.h"
+#include "core/routereply.h"
+#include "k52app/logrecord.h"
+#include "utils/base/crc.h"
+#include "utils/base/exceptions.h"
+
+#include <chrono>
+#include <cstring>
+#include <mutex>
+
 namespace k52app {
 
-Capture::Capture(K52ResourceManager& resources) : resources_(&resources) {}
+namespace {
+
+using utils::GeneralSubContainer;
+
+// A stream keeps this many buffers queued so that a slow send does not lose frames.
+constexpr uint32_t streamBufferCount = 6;
+// Short, so that a stopped stream ends promptly even when no frame comes.
+constexpr int streamFrameWaitMs = 20;
+
+static_assert(utils::GeneralContainer::offsetOf<GeneralSubContainer::frameMetadata>() + 8 ==
+              FrameArea::widthOffset);
+static_assert(FrameArea::widthOffset + 4 == FrameArea::heightOffset);
+static_assert(FrameArea::heightOffset + 4 == FrameArea::pixelFormatOffset);
+static_assert(utils::GeneralContainer::offsetOf<GeneralSubContainer::frameData>() + 4 ==
+              FrameArea::dataLengthOffset);
+static_assert(FrameArea::dataLengthOffset + 4 == FrameArea::dataOffset);
+static_assert(FrameArea::overhead + FrameArea::capacity == sizeof(utils::GeneralContainer));
+
+bool isEmpty(const v4l2_rect& rect)
+{
+    return rect.left == 0 && rect.top == 0 && rect.width == 0 && rect.height == 0;
+}
+
+} // namespace
+
+FrameArea::FrameArea(utils::GeneralContainer& container) : container_(&container) {}
+
+void FrameArea::setHeader(uint32_t width, uint32_t height, uint32_t pixelFormat)
+{
+    auto& metadata = container_->subContainer<GeneralSubContainer::frameMetadata>().payload;
+    metadata.width = width;
+    metadata.height = height;
+    metadata.pixelFormat = pixelFormat;
+}
+
+uint8_t* FrameArea::data()
+{
+    return container_->subContainer<GeneralSubContainer::frameData>().payload.bytes;
+}
+
+void FrameArea::checkSize(uint64_t n)
+{
+    if (n + 8 > capacity + 8 || overhead + n > sizeof(utils::GeneralContainer))
+        throw utils::UtilsError("the desiered size " + std::to_string(n + 8) + " is invalid");
+}
+
+void FrameArea::finish(uint32_t n)
+{
+    checkSize(n);
+    container_->subContainer<GeneralSubContainer::frameData>().size = n + 8;
+    container_->size = static_cast<uint32_t>(overhead + n);
+    auto* bytes = reinterpret_cast<uint8_t*>(container_);
+    const uint32_t crc = utils::CRCSum32(bytes, dataOffset + n, utils::GeneralContainer::seed);
+    // Readers of the wire find it right after the data; readers of the file also at its end.
+    std::memcpy(bytes + dataOffset + n, &crc, sizeof crc);
+    container_->checksum = crc;
+}
+
+const uint8_t* FrameArea::usedPart() const { return reinterpret_cast<const uint8_t*>(container_); }
+
+uint32_t FrameArea::usedLength() const { return container_->size; }
+
+Capture::Capture(K52ResourceManager& resources)
+    : resources_(&resources),
+      frameArea_(resources.containers().generalContainer()),
+      accelerated_(std::make_unique<AcceleratedProcessing>(resources.openCL(), resources.v4l2()))
+{
+}
+
+Capture::~Capture() = default;
+
+void Capture::startAquisition(uint32_t fourcc, uint32_t resolutionIndex, uint32_t bufferCount,
+                              const v4l2_rect& crop, utils::IORTUTriggerMode triggerMode)
+{
+    std::lock_guard sensorLock(resources_->getMutex(K52ResourceGroups::IMX));
+    std::lock_guard deviceLock(resources_->getMutex(K52ResourceGroups::V4L2));
+    std::lock_guard rtuLock(resources_->getMutex(K52ResourceGroups::RTU));
+    auto& device = resources_->v4l2();
+    auto& rtu = resources_->rtu();
+
+    if (!isEmpty(crop)) {
+        try {
+            utils::IOV4L2Crop request;
+            request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+            request.rect = crop;
+            device.setCropCapabilities(&request);
+        } catch (const std::exception& e) {
+            K52_LOG(alert) << "Ignoring exception: " << e.what();
+        }
+    }
+    try {
+        device.setFormat(fourcc, resolutionIndex);
+        device.mapBuffers(bufferCount);
+        for (uint32_t index = 0; index < bufferCount; ++index)
+            device.queryBuffer(index);
+        rtu.enableAcquisition(true);
+        device.streamOn();
+        rtu.setAutoTrigger(triggerMode);
+    } catch (const std::exception& e) {
+        K52_LOG(alert) << "Ignoring exception: " << e.what();
+    }
+}
+
+void Capture::stopAquisition()
+{
+    std::lock_guard rtuLock(resources_->getMutex(K52ResourceGroups::RTU));
+    resources_->rtu().enableAcquisition(false);
+    std::lock_guard deviceLock(resources_->getMutex(K52ResourceGroups::V4L2));
+    resources_->rtu().setAutoTrigger(utils::IORTUTriggerMode::manual);
+    resources_->v4l2().streamOff();
+    resources_->v4l2().unmapBuffers();
+}
+
+void Capture::snapshotFrame(int timeoutMs) { awaitFrame(timeoutMs, streamOverWire()); }
+
+void Capture::awaitFrame(int timeoutMs, bool store)
+{
+    auto& device = resources_->v4l2();
+    device.awaitFrameMap(timeoutMs, [&](const uint8_t* frame, uint32_t usedSize, const v4l2_buffer&) {
+        if (!store)
+            return;
+        const v4l2_pix_format format = device.getFormat();
+        if (accelerated_->isEnabled())
+            accelerated_->processFrame(frame, usedSize, format, frameArea_);
+        else
+            storeFrame(frame, usedSize, format);
+    });
+}
+
+void Capture::storeFrame(const uint8_t* frame, uint32_t usedSize, const v4l2_pix_format& format)
+{
+    const uint32_t width = format.width;
+    const uint32_t height = format.height;
+    const uint32_t pixelFormat = PixelFomatMap.at(format.pixelformat);
+    if (usedSize < uint64_t(width) * height)
+        throw utils::UtilsRuntimeError("invalid frame buffer size.");
+    const uint32_t stride = height == 0 ? 0 : usedSize / height;
+    const uint32_t channels = utils::IOV4L2::channels(format.pixelformat);
+    uint8_t* data = frameArea_.data();
+
+    if (paddingMode()) {
+        FrameArea::checkSize(usedSize);
+        frameArea_.setHeader(stride / channels, height, pixelFormat);
+        std::memcpy(data, frame, usedSize);
+        frameArea_.finish(usedSize);
+        return;
+    }
+
+    const uint64_t rowBytes = uint64_t(width) * channels;
+    const uint64_t n = rowBytes * height;
+    FrameArea::checkSize(n);
+    // Rows narrower than the format says would be read past the buffer.
+    if (stride < rowBytes && height > 0)
+        throw utils::UtilsRuntimeError("invalid frame buffer size.");
+    frameArea_.setHeader(width, height, pixelFormat);
+    if (stride == rowBytes) {
+        std::memcpy(data, frame, n); // no line padding: one copy
+    } else {
+        for (uint32_t row = 0; row < height; ++row)
+            std::memcpy(data + row * rowBytes, frame + uint64_t(row) * stride, rowBytes);
+    }
+    frameArea_.finish(static_cast<uint32_t>(n));
+}
+
+void Capture::streamStart(uint32_t fourcc, uint32_t resolutionIndex, const Progress& progress)
+{
+    uint8_t idle = 0;
+    if (!streaming_.compare_exchange_strong(idle, 1))
+        throw utils::UtilsException("Streaming is already on.");
+
+    startAquisition(fourcc, resolutionIndex, streamBufferCount, v4l2_rect{},
+                    utils::IORTUTriggerMode::continuous);
+    std::lock_guard containerLock(resources_->getMutex(K52ResourceGroups::GENERAL_CONTAINER));
+    std::lock_guard socketLock(resources_->getMutex(K52ResourceGroups::STREAM_SOCKET));
+
+    // The device is returned to a clean state however the loop ends; an error of the loop
+    // itself is the one worth reporting.
+    struct StreamEnd {
+        Capture& capture;
+        bool done = false;
+        ~StreamEnd()
+        {
+            if (done)
+                return;
+            try {
+                capture.endStream();
+            } catch (const std::exception& e) {
+                K52_LOG(warn) << "Stream clean-up failed: " << e.what();
+            }
+        }
+    } streamEnd{*this};
+
+    auto& socket = resources_->streamSocket();
+    using Clock = std::chrono::steady_clock;
+    auto periodStart = Clock::now();
+    uint32_t frames = 0;
+    while (streaming_.load()) {
+        const bool overWire = streamOverWire();
+        try {
+            awaitFrame(streamFrameWaitMs, overWire);
+        } catch (const utils::UtilsTimeoutException&) {
+            continue; // no frame yet: look at the flag again
+        }
+        if (overWire)
+            socket.send(frameArea_.usedPart(), frameArea_.usedLength());
+        ++frames;
+        if (Clock::now() - periodStart > std::chrono::milliseconds(benchmarkPeriod())) {
+            const std::chrono::duration<double> elapsed = Clock::now() - periodStart;
+            progress(static_cast<float>(frames / elapsed.count()));
+            periodStart = Clock::now();
+            frames = 0;
+        }
+    }
+    streamEnd.done = true;
+    endStream();
+}
+
+void Capture::endStream()
+{
+    stopAquisition();
+    std::lock_guard deviceLock(resources_->getMutex(K52ResourceGroups::V4L2));
+    auto& device = resources_->v4l2();
+    device.close();
+    device.open();
+}
 
 void Capture::streamStop() { streaming_.store(0); }
+
+void Capture::enableAcceleratorProccessing(const std::string& kernelFile,
+                                           const std::string& kernelName, int32_t p1, int32_t p2,
+                                           int32_t p3, int32_t p4)
+{
+    accelerated_->enable(kernelFile, kernelName, p1, p2, p3, p4);
+}
+
+void Capture::disableAcceleratorProccessing() { accelerated_->disable(); }
+
+bool Capture::isAcceleratorProccessing() const { return accelerated_->isEnabled(); }
 
 } // namespace k52app

@@ -1,25 +1,120 @@
 #pragma once
 
+#include "utils/container/container.h"
+#include "utils/io/iortu.h"
+
+#include <linux/videodev2.h>
+
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
 
 namespace k52app {
 
+class AcceleratedProcessing;
 class K52ResourceManager;
 
-// Turns the image sensor into a frame source: acquisition, snapshots into the general
-// container, streaming to the stream client.
-class Capture {
+// The latest frame's place in the general container, as readers find it: the frame header
+// fields, the data, and the checksum stored both right after the data and at the end of the
+// capacity. The used part (header, data, checksum) is what goes on the wire.
+class FrameArea {
 public:
-    explicit Capture(K52ResourceManager& resources);
+    static constexpr uint32_t capacity = utils::IOV4L2FrameData::capacity;
+    // Byte offsets from the start of the container.
+    static constexpr size_t totalLengthOffset = 4;
+    static constexpr size_t widthOffset = 2224;
+    static constexpr size_t heightOffset = 2228;
+    static constexpr size_t pixelFormatOffset = 2232;
+    static constexpr size_t dataLengthOffset = 2240;
+    static constexpr size_t dataOffset = 2244;
+    // Everything of the used part that is not frame data: the header and the checksum.
+    static constexpr size_t overhead = dataOffset + sizeof(uint32_t);
 
-    // Ends a running stream after its current frame; harmless when no stream runs.
-    void streamStop();
-    bool isStreaming() const { return streaming_.load(); }
+    explicit FrameArea(utils::GeneralContainer& container);
+
+    void setHeader(uint32_t width, uint32_t height, uint32_t pixelFormat);
+    uint8_t* data();
+
+    // Throws UtilsError "the desiered size <n + 8> is invalid" when `n` data bytes do not fit.
+    static void checkSize(uint64_t n);
+    // Publishes `n` data bytes already in data(): the data length, the total length and both
+    // checksum stores.
+    void finish(uint32_t n);
+
+    // The used part, as the last finish() left it.
+    const uint8_t* usedPart() const;
+    uint32_t usedLength() const;
 
 private:
+    utils::GeneralContainer* container_;
+};
+
+// Turns the image sensor into a frame source: starts and stops acquisition (capture device and
+// the RTU that triggers exposures), stores one frame at a time in the general container,
+// and streams frames to the stream client with a periodic frame-rate report. The accelerated
+// path (a GPU kernel over a region of each frame) replaces the plain copy when enabled.
+class Capture {
+public:
+    // Receives the measured frames per second once per benchmark period.
+    using Progress = std::function<void(float framesPerSecond)>;
+
+    explicit Capture(K52ResourceManager& resources);
+    ~Capture();
+    Capture(const Capture&) = delete;
+    Capture& operator=(const Capture&) = delete;
+
+    // Failures are logged and swallowed: the frame wait's own timeout governs what follows.
+    void startAquisition(uint32_t fourcc, uint32_t resolutionIndex, uint32_t bufferCount,
+                         const v4l2_rect& crop, utils::IORTUTriggerMode triggerMode);
+    void stopAquisition();
+
+    // Waits up to `timeoutMs` for one frame and stores it in the frame area (or, with stream
+    // over wire off, only waits). Throws UtilsTimeoutException when no frame came.
+    void snapshotFrame(int timeoutMs);
+
+    // The plain copy of one frame buffer of the device's current `format` into the frame area.
+    void storeFrame(const uint8_t* frame, uint32_t usedSize, const v4l2_pix_format& format);
+
+    // Streams on the calling thread until streamStop(). Throws UtilsException "Streaming is
+    // already on." when a stream runs; any error of the loop ends the stream and leaves the
+    // streaming flag set until streamStop().
+    void streamStart(uint32_t fourcc, uint32_t resolutionIndex, const Progress& progress);
+    // Ends a running stream after its current frame; harmless when no stream runs.
+    void streamStop();
+    bool isStreaming() const { return streaming_.load() != 0; }
+
+    // The GPU path: a region given as x start, x end, y start, y end of the current format.
+    void enableAcceleratorProccessing(const std::string& kernelFile, const std::string& kernelName,
+                                      int32_t p1, int32_t p2, int32_t p3, int32_t p4);
+    void disableAcceleratorProccessing();
+    bool isAcceleratorProccessing() const;
+
+    // Settings the routes change, also while a stream runs; the next frame or period sees them.
+    void setPaddingMode(bool on) { paddingMode_.store(on ? 1 : 0); }
+    bool paddingMode() const { return paddingMode_.load() != 0; }
+    void setStreamOverWire(bool on) { streamOverWire_.store(on ? 1 : 0); }
+    bool streamOverWire() const { return streamOverWire_.load() != 0; }
+    void setBenchmarkPeriod(int32_t milliseconds) { benchmarkPeriod_.store(milliseconds); }
+    int32_t benchmarkPeriod() const { return benchmarkPeriod_.load(); }
+
+    AcceleratedProcessing& acceleratedProcessing() { return *accelerated_; }
+
+private:
+    // Waits for one frame; stores it only when `store` is set.
+    void awaitFrame(int timeoutMs, bool store);
+    // Stops acquisition and reopens the capture device so that the next stream starts clean.
+    void endStream();
+
+    std::atomic<uint8_t> paddingMode_{0};
+    std::atomic<uint8_t> streamOverWire_{1};
+    std::atomic<int32_t> benchmarkPeriod_{1000};
     K52ResourceManager* resources_;
     std::atomic<uint8_t> streaming_{0};
+    FrameArea frameArea_;
+    std::unique_ptr<AcceleratedProcessing> accelerated_;
 };
 
 } // namespace k52app

@@ -1,0 +1,129 @@
+#include "core/middleware/acceleratedprocessing.h"
+
+#include "core/middleware/capture.h"
+#include "core/routereply.h"
+#include "k52app/logrecord.h"
+#include "utils/base/exceptions.h"
+#include "utils/io/iov4l2.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace k52app {
+
+namespace {
+
+// Average intensities above this mark a bad sample.
+constexpr uint8_t goodIntensityLimit = 80;
+
+} // namespace
+
+AcceleratedProcessing::AcceleratedProcessing(utils::IOOpenCL& openCL, utils::IOV4L2& device)
+    : openCL_(openCL), device_(device)
+{
+}
+
+void AcceleratedProcessing::enable(const std::string& kernelFile, const std::string& kernelName,
+                                   int32_t p1, int32_t p2, int32_t p3, int32_t p4)
+{
+    if (isEnabled())
+        throw utils::UtilsException("Accelerated Proccessing is already enabled.");
+    // The route's help calls the values left, top, width, height; clients send x and y ranges.
+    const int64_t width = int64_t(p2) - p1;
+    const int64_t height = int64_t(p4) - p3;
+    const v4l2_pix_format format = device_.getFormat();
+    if (width < 0 || height < 0 || p1 < 0 || p2 < 0 || p3 < 0 || p4 < 0 ||
+        uint32_t(p1) > format.width || uint32_t(p2) > format.width ||
+        uint32_t(p3) > format.height || uint32_t(p4) > format.height)
+        throw utils::UtilsException("Invalid ROI parameters.");
+
+    region_ = {static_cast<int32_t>(width), static_cast<int32_t>(height), p1, p3};
+    const size_t size = size_t(width) * size_t(height);
+    output_ = openCL_.createBuffer(CL_MEM_WRITE_ONLY, size);
+    K52_LOG(debug) << "Used openCL device:\t" << openCL_.deviceName();
+    openCL_.loadKernel(kernelFile, kernelName);
+    openCL_.setGlobalRange({size_t(width), size_t(height)});
+    enabled_.store(1);
+}
+
+void AcceleratedProcessing::disable()
+{
+    enabled_.store(0);
+    region_ = Region{};
+}
+
+void AcceleratedProcessing::processFrame(const uint8_t* frame, uint32_t usedSize,
+                                         const v4l2_pix_format& format, FrameArea& area)
+{
+    const uint32_t pixelFormat = PixelFomatMap.at(format.pixelformat);
+    const uint32_t channels = utils::IOV4L2::channels(format.pixelformat);
+    const uint32_t stride = format.height == 0 ? 0 : usedSize / format.height;
+    const uint32_t rowPixels = stride / channels;
+    const bool hasRegion = region_.width > 0 && region_.height > 0;
+    const uint32_t rows = hasRegion ? uint32_t(region_.height) : format.height;
+    if (usedSize < uint64_t(format.width) * rows)
+        throw utils::UtilsRuntimeError("invalid frame buffer size.");
+
+    const uint32_t width = uint32_t(std::max(region_.width, 0));
+    const uint32_t height = uint32_t(std::max(region_.height, 0));
+    const size_t size = size_t(width) * height;
+    FrameArea::checkSize(size);
+    if (width == rowPixels && height == format.height) {
+        // The region is the whole (unpadded) frame: the kernel reads it as it is.
+        input_ = openCL_.createBuffer(CL_MEM_READ_ONLY | CL_MEM_COPY_HOST_PTR, size, frame);
+    } else {
+        cropped_.resize(size);
+        cropAndNormalise(frame, rowPixels, region_, cropped_.data());
+        input_ = openCL_.createBuffer(CL_MEM_READ_ONLY | CL_MEM_COPY_HOST_PTR, size,
+                                      cropped_.data());
+    }
+
+    openCL_.setKernelArgument(0, input_);
+    openCL_.setKernelArgument(1, output_);
+    openCL_.setKernelArgument(2, int32_t(width));
+    openCL_.setKernelArgument(3, int32_t(height));
+    openCL_.executeKernel();
+    uint8_t* data = area.data();
+    openCL_.readBuffer(output_, data, size);
+
+    const unsigned intensity = size > 0 ? data[0] : 0;
+    K52_LOG(info) << "AVG Intensity = " << intensity << " category of sample [kernel=1] : "
+                  << intensityCategory(uint8_t(intensity));
+
+    area.setHeader(rowPixels, rows, pixelFormat);
+    area.finish(uint32_t(size));
+}
+
+void AcceleratedProcessing::cropAndNormalise(const uint8_t* frame, uint32_t rowPixels,
+                                             const Region& region, uint8_t* out)
+{
+    const size_t width = size_t(std::max(region.width, 0));
+    const size_t height = size_t(std::max(region.height, 0));
+    const size_t size = width * height;
+    if (size == 0)
+        return;
+    uint8_t minimum = 255;
+    uint8_t maximum = 0;
+    for (size_t row = 0; row < height; ++row) {
+        const uint8_t* source = frame + (row + size_t(region.top)) * rowPixels + size_t(region.left);
+        uint8_t* target = out + row * width;
+        std::memcpy(target, source, width);
+        const auto [low, high] = std::minmax_element(target, target + width);
+        minimum = std::min(minimum, *low);
+        maximum = std::max(maximum, *high);
+    }
+    if (maximum <= minimum) {
+        std::memset(out, 0, size);
+        return;
+    }
+    const unsigned range = maximum - minimum;
+    for (size_t i = 0; i < size; ++i)
+        out[i] = static_cast<uint8_t>((out[i] - minimum) * 255u / range);
+}
+
+const char* AcceleratedProcessing::intensityCategory(uint8_t averageIntensity)
+{
+    return averageIntensity <= goodIntensityLimit ? "good" : "bad";
+}
+
+} // namespace k52app

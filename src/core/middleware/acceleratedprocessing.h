@@ -1,0 +1,72 @@
+#pragma once
+
+#include "utils/io/ioopencl.h"
+
+#include <linux/videodev2.h>
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace utils {
+class IOV4L2;
+}
+
+namespace k52app {
+
+class FrameArea;
+
+// The GPU path of the frame pipeline: a region of each frame, normalised to the full level
+// range when it is only part of the frame, runs through an OpenCL kernel (input, output, width,
+// height) whose output becomes the frame data. The first output byte is the region's average
+// intensity, logged with a good/bad category.
+//
+// enable() and disable() run on a worker while a stream may run on another; the flag is read
+// once per frame. The region and the device buffers change only while no stream runs.
+class AcceleratedProcessing {
+public:
+    // -1 everywhere while disabled.
+    struct Region {
+        int32_t width = -1;
+        int32_t height = -1;
+        int32_t left = -1;
+        int32_t top = -1;
+    };
+
+    AcceleratedProcessing(utils::IOOpenCL& openCL, utils::IOV4L2& device);
+
+    // p1..p4 are x start, x end, y start, y end within the device's current format. Throws
+    // UtilsException "Accelerated Proccessing is already enabled." or "Invalid ROI parameters.",
+    // and the OpenCL device's errors (no device, kernel file, build).
+    void enable(const std::string& kernelFile, const std::string& kernelName, int32_t p1,
+                int32_t p2, int32_t p3, int32_t p4);
+    // Keeps the device buffers for the next enable().
+    void disable();
+    bool isEnabled() const { return enabled_.load() != 0; }
+    const Region& region() const { return region_; }
+
+    // Runs the kernel over the region of one frame buffer of `format` and finishes the frame in
+    // `area`. Throws UtilsRuntimeError "invalid frame buffer size." for a short frame.
+    void processFrame(const uint8_t* frame, uint32_t usedSize, const v4l2_pix_format& format,
+                      FrameArea& area);
+
+    // Copies `region` out of a frame whose rows are `rowPixels` one-byte pixels apart into
+    // `out` (width x height bytes) and stretches its levels to 0..255; all 0 when the region
+    // is flat.
+    static void cropAndNormalise(const uint8_t* frame, uint32_t rowPixels, const Region& region,
+                                 uint8_t* out);
+    // "good" below 81, "bad" from 81 on.
+    static const char* intensityCategory(uint8_t averageIntensity);
+
+private:
+    utils::IOOpenCL& openCL_;
+    utils::IOV4L2& device_;
+    std::atomic<uint8_t> enabled_{0};
+    utils::IOOpenCL::Buffer input_;
+    utils::IOOpenCL::Buffer output_;
+    Region region_;
+    std::vector<uint8_t> cropped_; // kept between frames: the region's size changes rarely
+};
+
+} // namespace k52app

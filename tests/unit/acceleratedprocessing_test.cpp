@@ -1,0 +1,300 @@
+// The GPU path on whatever OpenCL device is installed (PoCL's CPU device on a development
+// machine): both kernels of etc/opencl against a plain CPU computation of the same region,
+// the normalisation of a cropped region, the intensity category and the ROI rules.
+#include "core/middleware/acceleratedprocessing.h"
+#include "core/middleware/capture.h"
+#include "support/routerharness.h"
+#include "support/syslogcapture.h"
+#include "utils/base/exceptions.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <linux/videodev2.h>
+#include <zlib.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <numeric>
+#include <vector>
+
+namespace {
+
+using k52app::AcceleratedProcessing;
+using Region = AcceleratedProcessing::Region;
+using Image = std::vector<uint8_t>;
+
+const std::string kernelFile = std::string(K52_SOURCE_DIR) + "/etc/opencl/image_processing.cl";
+constexpr const char* installedKernelFile = "/opt/corvane/k52app/etc/opencl/image_processing.cl";
+
+uint32_t word(const uint8_t* bytes, size_t offset)
+{
+    uint32_t value;
+    std::memcpy(&value, bytes + offset, sizeof value);
+    return value;
+}
+
+// Plain CPU versions of what the kernels compute: the edge pixels repeat their neighbour.
+int at(const Image& image, int width, int height, int x, int y)
+{
+    return image[size_t(std::clamp(y, 0, height - 1)) * width + std::clamp(x, 0, width - 1)];
+}
+
+Image processImage(const Image& in, int width, int height)
+{
+    Image out(in.size());
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x) {
+            int v = 5 * at(in, width, height, x, y) - at(in, width, height, x - 1, y) -
+                    at(in, width, height, x + 1, y) - at(in, width, height, x, y - 1) -
+                    at(in, width, height, x, y + 1);
+            out[size_t(y) * width + x] = uint8_t(std::clamp(v, 0, 255));
+        }
+    uint64_t sum = std::accumulate(in.begin(), in.end(), uint64_t{0});
+    out[0] = uint8_t(sum / in.size());
+    return out;
+}
+
+Image sobel(const Image& in, int width, int height)
+{
+    Image out(in.size());
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x) {
+            auto p = [&](int dx, int dy) { return at(in, width, height, x + dx, y + dy); };
+            int gx = (p(1, -1) + 2 * p(1, 0) + p(1, 1)) - (p(-1, -1) + 2 * p(-1, 0) + p(-1, 1));
+            int gy = (p(-1, 1) + 2 * p(0, 1) + p(1, 1)) - (p(-1, -1) + 2 * p(0, -1) + p(1, -1));
+            int magnitude = int(std::floor(std::sqrt(double(gx * gx + gy * gy))));
+            out[size_t(y) * width + x] = uint8_t(std::min(magnitude, 255));
+        }
+    return out;
+}
+
+Image crop(const Image& frame, int rowPixels, const Region& r)
+{
+    Image out;
+    for (int y = 0; y < r.height; ++y) {
+        auto row = frame.begin() + (size_t(r.top) + y) * rowPixels + r.left;
+        out.insert(out.end(), row, row + r.width);
+    }
+    return out;
+}
+
+Image normalised(Image image)
+{
+    auto [low, high] = std::minmax_element(image.begin(), image.end());
+    const int minimum = *low, range = *high - *low;
+    for (auto& v : image)
+        v = range == 0 ? 0 : uint8_t((v - minimum) * 255 / range);
+    return image;
+}
+
+// A frame with structure everywhere: gradients, a diagonal and a bright block.
+Image testFrame(int rowPixels, int height)
+{
+    Image frame(size_t(rowPixels) * height);
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < rowPixels; ++x)
+            frame[size_t(y) * rowPixels + x] =
+                uint8_t((x * 3 + y * 7) % 200 + (x == y ? 40 : 0) + (x > 300 && y < 90 ? 15 : 0));
+    return frame;
+}
+
+v4l2_pix_format greyFormat(uint32_t width, uint32_t height)
+{
+    v4l2_pix_format f{};
+    f.pixelformat = V4L2_PIX_FMT_GREY;
+    f.width = width;
+    f.height = height;
+    return f;
+}
+
+class AcceleratedProcessingTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (!h.resources->openCL().isAvailable())
+            GTEST_SKIP() << "No OpenCL device on this machine ("
+                         << h.resources->openCL().unavailableReason()
+                         << "); install PoCL (pocl-opencl-icd) to run the GPU path's tests.";
+    }
+
+    AcceleratedProcessing& gpu() { return h.capture->acceleratedProcessing(); }
+    k52app::FrameArea area() { return k52app::FrameArea(h.resources->containers().generalContainer()); }
+    const uint8_t* container()
+    {
+        return reinterpret_cast<const uint8_t*>(&h.resources->containers().generalContainer());
+    }
+    Image frameData(size_t n) { return Image(container() + 2244, container() + 2244 + n); }
+
+    k52test::RouterHarness h;
+};
+
+TEST_F(AcceleratedProcessingTest, KernelsMatchACpuComputationOfTheRegion)
+{
+    struct Case {
+        const char* kernel;
+        uint32_t width, height, rowPixels; // the frame
+        int32_t x0, x1, y0, y1;            // the bounds as a client sends them
+    };
+    const Case cases[] = {
+        // The whole unpadded frame goes to the kernel as it is.
+        {"processImage", 640, 480, 640, 0, 640, 0, 480},
+        {"sobelFilter", 640, 480, 640, 0, 640, 0, 480},
+        // A part of a padded frame is cut out and normalised first.
+        {"processImage", 650, 200, 704, 17, 412, 9, 150},
+        {"sobelFilter", 650, 200, 704, 17, 412, 9, 150},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(::testing::Message() << c.kernel << " " << c.x0 << ".." << c.x1 << " x "
+                                          << c.y0 << ".." << c.y1 << " of " << c.width << "x" << c.height);
+        const Image frame = testFrame(int(c.rowPixels), int(c.height));
+        gpu().enable(kernelFile, c.kernel, c.x0, c.x1, c.y0, c.y1);
+        auto frameArea = area();
+        gpu().processFrame(frame.data(), uint32_t(frame.size()), greyFormat(c.width, c.height), frameArea);
+        gpu().disable();
+
+        const Region region{c.x1 - c.x0, c.y1 - c.y0, c.x0, c.y0};
+        const bool whole = region.width == int32_t(c.rowPixels) && region.height == int32_t(c.height);
+        const Image input = whole ? frame : normalised(crop(frame, int(c.rowPixels), region));
+        const Image expected = std::string(c.kernel) == "sobelFilter"
+                                   ? sobel(input, region.width, region.height)
+                                   : processImage(input, region.width, region.height);
+        const size_t n = expected.size();
+        EXPECT_EQ(frameData(n), expected);
+        EXPECT_EQ(word(container(), 2224), c.rowPixels) << "width field: the row length";
+        EXPECT_EQ(word(container(), 2228), uint32_t(region.height));
+        EXPECT_EQ(word(container(), 2232), 1u);
+        EXPECT_EQ(word(container(), 2240), n + 8);
+        EXPECT_EQ(word(container(), 4), 2248 + n);
+        EXPECT_EQ(word(container(), 2244 + n), uint32_t(crc32(0, container(), uInt(2244 + n))));
+    }
+}
+
+TEST(AcceleratedProcessingNormalisation, StretchesTheRegionToTheFullRange)
+{
+    struct Case {
+        const char* name;
+        Image frame; // 4 pixels per row
+        Region region;
+        Image expected;
+    };
+    const Case cases[] = {
+        {"stretched", {9, 9, 9, 9, 9, 10, 30, 9, 9, 20, 40, 9}, {2, 2, 1, 1}, {0, 170, 85, 255}},
+        {"flat region", {0, 0, 0, 0, 0, 77, 77, 0, 0, 77, 77, 0}, {2, 2, 1, 1}, {0, 0, 0, 0}},
+        {"already full", {0, 255, 128, 1}, {4, 1, 0, 0}, {0, 255, 128, 1}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        Image out(c.expected.size(), 0xAA);
+        AcceleratedProcessing::cropAndNormalise(c.frame.data(), 4, c.region, out.data());
+        EXPECT_EQ(out, c.expected);
+    }
+}
+
+TEST_F(AcceleratedProcessingTest, AverageIntensityIsLoggedWithItsCategory)
+{
+    struct Case {
+        uint8_t level;
+        const char* line;
+    };
+    const Case cases[] = {
+        {80, "AVG Intensity = 80 category of sample [kernel=1] : good"},
+        {81, "AVG Intensity = 81 category of sample [kernel=1] : bad"},
+    };
+    for (const auto& c : cases) {
+        k52test::SyslogCapture log;
+        const Image flat(64 * 16, c.level);
+        gpu().enable(kernelFile, "processImage", 0, 64, 0, 16);
+        auto frameArea = area();
+        gpu().processFrame(flat.data(), uint32_t(flat.size()), greyFormat(64, 16), frameArea);
+        gpu().disable();
+        bool found = false;
+        for (const auto& record : log.records())
+            found = found || record.text.find(c.line) != std::string::npos;
+        EXPECT_TRUE(found) << c.line;
+    }
+}
+
+TEST_F(AcceleratedProcessingTest, EnableRulesAndDisableResetsTheRegion)
+{
+    gpu().enable(kernelFile, "sobelFilter", 10, 110, 20, 60);
+    EXPECT_EQ(gpu().region().width, 100);
+    EXPECT_EQ(gpu().region().height, 40);
+    EXPECT_EQ(gpu().region().left, 10);
+    EXPECT_EQ(gpu().region().top, 20);
+    try {
+        gpu().enable(kernelFile, "sobelFilter", 0, 10, 0, 10);
+        ADD_FAILURE() << "enabled twice";
+    } catch (const utils::UtilsException& e) {
+        EXPECT_STREQ(e.what(), "Accelerated Proccessing is already enabled.");
+    }
+    gpu().disable();
+    EXPECT_EQ(gpu().region().width, -1);
+    EXPECT_EQ(gpu().region().height, -1);
+    EXPECT_EQ(gpu().region().left, -1);
+    EXPECT_EQ(gpu().region().top, -1);
+    EXPECT_THROW(gpu().enable(kernelFile, "noSuchKernel", 0, 10, 0, 10), utils::UtilsRuntimeError);
+    EXPECT_FALSE(gpu().isEnabled());
+
+    // A short frame is refused before the device sees it.
+    gpu().enable(kernelFile, "sobelFilter", 0, 64, 0, 16);
+    const Image shortFrame(64 * 15);
+    auto frameArea = area();
+    EXPECT_THROW(gpu().processFrame(shortFrame.data(), uint32_t(shortFrame.size()), greyFormat(64, 16),
+                                    frameArea),
+                 utils::UtilsRuntimeError);
+}
+
+// The route picks the kernel by mode; a stream then runs the frames of the emulated sensor
+// through it. Flat Field is one level everywhere but the counter box and the moving square,
+// which a region in the frame's lower left avoids.
+TEST_F(AcceleratedProcessingTest, RouteChoosesTheKernelByMode)
+{
+    if (!std::filesystem::exists(installedKernelFile))
+        GTEST_SKIP() << installedKernelFile << " is not installed (scripts/install-opencl-kernel.sh)";
+    h.resources->v4l2().setCtrl(0x009f0903, 3); // Flat Field, level 128 at the default exposure
+    struct Case {
+        const char* command;
+        uint8_t first, rest; // first byte: the mean or an edge value; the rest of the image
+    };
+    const Case cases[] = {
+        {"CaptureAcceleratedProcessing 1 0 100 400 480", 0, 0},
+        {"CaptureAcceleratedProcessing 2 0 100 400 480", 0, 0},
+    };
+    // A flat region is normalised to 0: processImage's mean and sharpening give 0, and so does
+    // the Sobel magnitude. The two kernels are told apart on a whole frame below.
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.command);
+        EXPECT_EQ(h.run(c.command).second, "CaptureEnableAcceleratedProcessing: Accelerator enabled.");
+        h.capture->startAquisition(V4L2_PIX_FMT_GREY, 0, 2, v4l2_rect{}, utils::IORTUTriggerMode::continuous);
+        h.capture->snapshotFrame(2000);
+        h.capture->stopAquisition();
+        EXPECT_EQ(h.run("CaptureAcceleratedProcessing 0").first, "OK");
+        const Image out = frameData(100 * 80);
+        EXPECT_EQ(out[0], c.first);
+        EXPECT_EQ(size_t(std::count(out.begin() + 1, out.end(), c.rest)), out.size() - 1);
+    }
+    // The whole 640x480 frame is not normalised: processImage keeps the flat level (sharpening
+    // a flat area changes nothing), Sobel finds no edge, away from the counter and the square.
+    const std::pair<const char*, bool> wholeFrame[] = {
+        {"CaptureAcceleratedProcessing 1 0 640 0 480", true},
+        {"CaptureAcceleratedProcessing 2 0 640 0 480", false},
+    };
+    for (const auto& [command, keepsLevel] : wholeFrame) {
+        SCOPED_TRACE(command);
+        EXPECT_EQ(h.run(command).first, "OK");
+        h.capture->startAquisition(V4L2_PIX_FMT_GREY, 0, 2, v4l2_rect{}, utils::IORTUTriggerMode::continuous);
+        h.capture->snapshotFrame(2000);
+        h.capture->stopAquisition();
+        h.run("CaptureAcceleratedProcessing 0");
+        const Image out = frameData(640 * 480);
+        const uint8_t level = out[size_t(460) * 640 + 320];
+        if (keepsLevel)
+            EXPECT_GT(level, 0);
+        else
+            EXPECT_EQ(level, 0);
+    }
+}
+
+} // namespace

@@ -1,0 +1,381 @@
+// The capture middleware and its routes on the emulated board: the frame area's bytes and
+// checksums against zlib, row copies with and without line padding, size errors, the stream
+// loop against a real stream client, and every capture route's reply text.
+#include "client/framestream.h"
+#include "core/middleware/capture.h"
+#include "support/routerharness.h"
+#include "support/syslogcapture.h"
+#include "utils/base/exceptions.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <linux/videodev2.h>
+#include <poll.h>
+#include <zlib.h>
+
+#include <atomic>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using k52app::Capture;
+using testing::HasSubstr;
+using utils::IORTUTriggerMode;
+using utils::platform::emulated::Fault;
+
+constexpr uint32_t grey = V4L2_PIX_FMT_GREY;
+constexpr uint32_t rgb3 = V4L2_PIX_FMT_RGB24;
+constexpr size_t containerSize = 50333896;
+constexpr uint32_t testPatternControl = 0x009f0903;
+
+uint32_t word(const uint8_t* bytes, size_t offset)
+{
+    uint32_t value;
+    std::memcpy(&value, bytes + offset, sizeof value);
+    return value;
+}
+
+uint32_t zlibCrc(const uint8_t* bytes, size_t length)
+{
+    return static_cast<uint32_t>(crc32(0, bytes, static_cast<uInt>(length)));
+}
+
+class CaptureTest : public ::testing::Test {
+protected:
+    Capture& capture() { return *h.capture; }
+    const uint8_t* container()
+    {
+        return reinterpret_cast<const uint8_t*>(&h.resources->containers().generalContainer());
+    }
+
+    // The used part's framing: lengths, then the checksum at both places, against zlib.
+    void expectFramed(size_t n)
+    {
+        const uint8_t* bytes = container();
+        EXPECT_EQ(word(bytes, 4), 2248 + n);
+        EXPECT_EQ(word(bytes, 2240), n + 8);
+        const uint32_t crc = zlibCrc(bytes, 2244 + n);
+        EXPECT_EQ(word(bytes, 2244 + n), crc);
+        EXPECT_EQ(word(bytes, containerSize - 4), crc);
+    }
+
+    k52test::RouterHarness h;
+};
+
+v4l2_pix_format format(uint32_t fourcc, uint32_t width, uint32_t height)
+{
+    v4l2_pix_format f{};
+    f.pixelformat = fourcc;
+    f.width = width;
+    f.height = height;
+    return f;
+}
+
+TEST_F(CaptureTest, SnapshotOfTheEmulatedSensorIsFramedAndChecksummed)
+{
+    struct Case {
+        uint32_t fourcc;
+        uint32_t resolutionIndex;
+        bool padding;
+        uint32_t width, height, bytesPerLine, channels, pixelFormat;
+    };
+    // Line lengths as the sensor's documentation gives them (rows padded to 64 bytes).
+    const Case cases[] = {
+        {grey, 0, false, 640, 480, 640, 1, 1},
+        {grey, 1, false, 1456, 1088, 1472, 1, 1},
+        {grey, 1, true, 1456, 1088, 1472, 1, 1},
+        {rgb3, 1, false, 1456, 1088, 4416, 3, 7},
+        {rgb3, 1, true, 1456, 1088, 4416, 3, 7},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(::testing::Message() << c.width << "x" << c.height << " channels "
+                                          << c.channels << " padding " << c.padding);
+        capture().setPaddingMode(c.padding);
+        capture().startAquisition(c.fourcc, c.resolutionIndex, 2, v4l2_rect{},
+                                  IORTUTriggerMode::continuous);
+        capture().snapshotFrame(2000);
+        capture().snapshotFrame(2000);
+        capture().stopAquisition();
+
+        const uint8_t* bytes = container();
+        const size_t n = size_t(c.padding ? c.bytesPerLine : c.width * c.channels) * c.height;
+        EXPECT_EQ(word(bytes, 2224), c.padding ? c.bytesPerLine / c.channels : c.width);
+        EXPECT_EQ(word(bytes, 2228), c.height);
+        EXPECT_EQ(word(bytes, 2232), c.pixelFormat);
+        expectFramed(n);
+        // The sensor writes its frame counter and the counter's complement into the first row.
+        const uint8_t* data = bytes + 2244;
+        EXPECT_EQ(word(data, 0), ~word(data, 4));
+        EXPECT_GE(word(data, 0), 1u) << "the second frame after stream-on";
+    }
+}
+
+TEST_F(CaptureTest, PaddingModeDecidesWhatOfEachRowIsStored)
+{
+    struct Case {
+        const char* name;
+        uint32_t fourcc, width, height, stride, channels;
+    };
+    const Case cases[] = {
+        {"grey, padded rows", grey, 5, 3, 8, 1},
+        {"rgb, padded rows", rgb3, 3, 2, 12, 3},
+        {"grey, no padding", grey, 8, 4, 8, 1},
+    };
+    for (const auto& c : cases) {
+        for (bool padding : {false, true}) {
+            SCOPED_TRACE(std::string(c.name) + (padding ? ", padding on" : ", padding off"));
+            const size_t rowBytes = size_t(c.width) * c.channels;
+            std::vector<uint8_t> frame(size_t(c.stride) * c.height, 0xEE); // 0xEE: padding
+            for (size_t row = 0; row < c.height; ++row)
+                for (size_t i = 0; i < rowBytes; ++i)
+                    frame[row * c.stride + i] = uint8_t(16 * row + i);
+
+            capture().setPaddingMode(padding);
+            capture().storeFrame(frame.data(), uint32_t(frame.size()),
+                                 format(c.fourcc, c.width, c.height));
+
+            const uint8_t* bytes = container();
+            std::vector<uint8_t> expected;
+            if (padding) {
+                expected = frame;
+            } else {
+                for (size_t row = 0; row < c.height; ++row)
+                    expected.insert(expected.end(), frame.begin() + row * c.stride,
+                                    frame.begin() + row * c.stride + rowBytes);
+            }
+            EXPECT_EQ(word(bytes, 2224), padding ? c.stride / c.channels : c.width);
+            EXPECT_EQ(std::vector<uint8_t>(bytes + 2244, bytes + 2244 + expected.size()), expected);
+            expectFramed(expected.size());
+        }
+    }
+}
+
+TEST_F(CaptureTest, FrameSizeErrors)
+{
+    std::vector<uint8_t> small(64);
+    auto store = [&](bool padding, v4l2_pix_format f, uint32_t usedSize) {
+        capture().setPaddingMode(padding);
+        capture().storeFrame(small.data(), usedSize, f);
+    };
+    // The checks come before any byte is read: `small` stands in for buffers far larger.
+    try {
+        store(true, format(grey, 1, 1), 50331649);
+        ADD_FAILURE() << "no error for a frame beyond the capacity";
+    } catch (const utils::UtilsRuntimeError&) {
+        ADD_FAILURE() << "wrong error class";
+    } catch (const utils::UtilsError& e) {
+        EXPECT_STREQ(e.what(), "the desiered size 50331657 is invalid");
+    }
+    try {
+        store(false, format(rgb3, 8192, 8192), 8192u * 8192u * 3u);
+        ADD_FAILURE() << "no error for a frame beyond the capacity";
+    } catch (const utils::UtilsError& e) {
+        EXPECT_STREQ(e.what(), "the desiered size 201326600 is invalid");
+    }
+    EXPECT_THROW(
+        {
+            try {
+                store(false, format(grey, 8, 8), 63);
+            } catch (const utils::UtilsRuntimeError& e) {
+                EXPECT_STREQ(e.what(), "invalid frame buffer size.");
+                throw;
+            }
+        },
+        utils::UtilsRuntimeError);
+    EXPECT_THROW(store(false, format(V4L2_PIX_FMT_MJPEG, 8, 8), 64), std::out_of_range);
+
+    // Exactly the capacity fits, and then both checksum stores are the same four bytes.
+    std::vector<uint8_t> full(50331648, 0x5A);
+    capture().setPaddingMode(true);
+    capture().storeFrame(full.data(), uint32_t(full.size()), format(grey, 8192, 6144));
+    expectFramed(full.size());
+    EXPECT_EQ(word(container(), 4), containerSize);
+}
+
+// A stream client on the harness's stream socket, accepted as the stream channel would.
+class StreamClient {
+public:
+    explicit StreamClient(k52test::RouterHarness& h)
+        : frames_("127.0.0.1", h.config.streamPort()), socket_(h.resources->streamSocket())
+    {
+        for (;;) {
+            try {
+                client_ = socket_.acceptConnection();
+                return;
+            } catch (const utils::UtilsTimeoutException&) {
+            }
+        }
+    }
+    ~StreamClient() { socket_.close(client_); }
+
+    k52client::FrameStream& frames() { return frames_; }
+    bool hasData(int waitMs)
+    {
+        pollfd p{frames_.connection().descriptor(), POLLIN, 0};
+        return ::poll(&p, 1, waitMs) == 1;
+    }
+
+private:
+    k52client::FrameStream frames_;
+    utils::TCPSocket& socket_;
+    int client_ = -1;
+};
+
+TEST_F(CaptureTest, StreamSendsEveryFrameReportsTheRateAndRefusesASecondStream)
+{
+    StreamClient client(h);
+    capture().setBenchmarkPeriod(100);
+    std::atomic<int> reports{0};
+    std::atomic<float> lastRate{0};
+    std::thread stream([&] {
+        capture().streamStart(grey, 0, [&](float rate) {
+            lastRate = rate;
+            ++reports;
+        });
+    });
+
+    uint32_t previous = 0;
+    for (int i = 0; i < 12; ++i) {
+        const k52client::Frame& frame = client.frames().next(std::chrono::seconds(3));
+        ASSERT_EQ(frame.width, 640u);
+        ASSERT_EQ(frame.height, 480u);
+        ASSERT_EQ(frame.size, 640u * 480u);
+        ASSERT_EQ(frame.crc, zlibCrc(frame.message, frame.messageSize - 4));
+        const uint32_t counter = word(frame.data, 0);
+        if (i > 0) {
+            EXPECT_GT(counter, previous) << "a frame sent twice";
+        }
+        previous = counter;
+    }
+    try {
+        capture().streamStart(grey, 0, [](float) {});
+        ADD_FAILURE() << "a second stream started";
+    } catch (const utils::UtilsException& e) {
+        EXPECT_STREQ(e.what(), "Streaming is already on.");
+    }
+
+    // Off the wire: frames are awaited, the container stays as it was and nothing is sent.
+    capture().setStreamOverWire(false);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    while (client.hasData(50))
+        client.frames().next(std::chrono::seconds(1)); // frames sent before the switch
+    const std::vector<uint8_t> before(container(), container() + 2244 + 640 * 480 + 4);
+    const int reportsBefore = reports;
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    EXPECT_FALSE(client.hasData(0));
+    EXPECT_EQ(std::vector<uint8_t>(container(), container() + before.size()), before);
+    EXPECT_GT(reports.load(), reportsBefore) << "frames are still counted";
+
+    capture().streamStop();
+    stream.join();
+    EXPECT_FALSE(capture().isStreaming());
+    EXPECT_GT(lastRate.load(), 0.0f);
+    EXPECT_FALSE(h.resources->v4l2().isStreaming()) << "the stream leaves the device stopped";
+}
+
+TEST_F(CaptureTest, ShortFrameEndsTheStreamAndKeepsItMarkedUntilStopped)
+{
+    k52test::SyslogCapture log;
+    h.board().faults().inject("/dev/video0", Fault::shortFrame);
+    auto [status, message] = h.run("CaptureStreamStart GREY 1");
+    EXPECT_EQ(status, "ErrorRuntimeError");
+    EXPECT_EQ(message, "CaptureStart: invalid frame buffer size.");
+
+    EXPECT_TRUE(capture().isStreaming());
+    EXPECT_THROW(h.run("CaptureStreamStart GREY 1"), utils::UtilsException);
+    EXPECT_EQ(h.run("CaptureStreamStop").second, "CaptureStreamStop: CaptureStreamStop stopped.");
+    EXPECT_FALSE(capture().isStreaming());
+
+    // The failed stream left the device clean: the next acquisition starts without complaint.
+    h.board().faults().clear("/dev/video0");
+    capture().startAquisition(grey, 0, 2, v4l2_rect{}, IORTUTriggerMode::continuous);
+    capture().snapshotFrame(2000);
+    capture().stopAquisition();
+    for (const auto& record : log.records())
+        EXPECT_THAT(record.text, testing::Not(HasSubstr("Ignoring exception")));
+}
+
+TEST_F(CaptureTest, FailuresInsideAcquisitionStartAreLoggedAndIgnored)
+{
+    k52test::SyslogCapture log;
+    capture().startAquisition(grey, 7, 2, v4l2_rect{}, IORTUTriggerMode::continuous);
+    EXPECT_FALSE(h.resources->v4l2().isStreaming());
+    bool logged = false;
+    for (const auto& record : log.records())
+        if (record.text.find("Ignoring exception: ") != std::string::npos && record.priority % 8 == 1)
+            logged = true;
+    EXPECT_TRUE(logged) << "an alert record names the ignored exception";
+    EXPECT_THROW(capture().snapshotFrame(50), utils::UtilsRuntimeError) << "nothing is streaming";
+}
+
+TEST_F(CaptureTest, RouteReplies)
+{
+    struct Step {
+        const char* command;
+        const char* status;
+        const char* message;
+    };
+    const Step steps[] = {
+        {"GetCapturePaddingMode", "OK", "GetCapturePaddingMode: disable"},
+        {"SetCapturePaddingMode 1", "OK", "SetCapturePaddingMode: enable"},
+        {"GetCapturePaddingMode", "OK", "GetCapturePaddingMode: enable"},
+        {"SetCapturePaddingMode 0", "OK", "SetCapturePaddingMode: disable"},
+        {"GetCaptureStreamOverWire", "OK", "GetCapturePaddingMode: enable"},
+        {"SetCaptureStreamOverWire 0", "OK", "SetCaptureStreamOverWire: disable"},
+        {"GetCaptureStreamOverWire", "OK", "GetCapturePaddingMode: disable"},
+        {"SetCaptureStreamOverWire -3", "OK", "SetCaptureStreamOverWire: enable"},
+        {"SetCaptureBenchmarkPeriod 250", "OK", "SetCaptureBenchmarkPeriod: 250 msec"},
+        {"SetCaptureBenchmarkPeriod", "OK", "SetCaptureBenchmarkPeriod: 1000 msec"},
+        {"CaptureStreamStop", "OK", "CaptureStreamStop: CaptureStreamStop stopped."},
+        {"CaptureAcceleratedProcessing 0", "OK",
+         "CaptureEnableAcceleratedProcessing: Accelerator disabled."},
+    };
+    for (const auto& step : steps) {
+        SCOPED_TRACE(step.command);
+        auto [status, message] = h.run(step.command);
+        EXPECT_EQ(status, step.status);
+        EXPECT_EQ(message, step.message);
+    }
+    EXPECT_TRUE(capture().streamOverWire());
+    EXPECT_EQ(capture().benchmarkPeriod(), 1000);
+}
+
+TEST_F(CaptureTest, RouteArgumentsTheHandlersDoNotConvert)
+{
+    struct Case {
+        const char* command;
+        const char* text; // nullptr: only the exception's type matters
+    };
+    // Refused by the fourcc or numeric validators before any handler runs.
+    for (const char* command : {"CaptureStreamStart BGR3 1", "CaptureStreamStart GREYY 1",
+                                "CaptureStreamStart grey 1", "SetCapturePaddingMode on"}) {
+        SCOPED_TRACE(command);
+        EXPECT_THROW(h.run(command), utils::UtilsRuntimeError);
+    }
+    // Missing arguments leave the handler as the standard out-of-range error.
+    for (const char* command : {"SetCapturePaddingMode", "SetCaptureStreamOverWire",
+                                "CaptureStreamStart GREY", "CaptureAcceleratedProcessing 1 0 640 0"}) {
+        SCOPED_TRACE(command);
+        EXPECT_THROW(h.run(command), std::out_of_range);
+    }
+    const Case refused[] = {
+        {"CaptureAcceleratedProcessing 1 10 20 30 25", "Invalid ROI parameters."},
+        {"CaptureAcceleratedProcessing 2 -1 20 0 10", "Invalid ROI parameters."},
+        {"CaptureAcceleratedProcessing 1 0 1457 0 10", "Invalid ROI parameters."},
+        {"CaptureAcceleratedProcessing 1 0 10 0 1089", "Invalid ROI parameters."},
+    };
+    for (const auto& c : refused) {
+        SCOPED_TRACE(c.command);
+        try {
+            h.run(c.command);
+            ADD_FAILURE() << "accepted";
+        } catch (const utils::UtilsException& e) {
+            EXPECT_STREQ(e.what(), c.text);
+        }
+    }
+    EXPECT_FALSE(capture().isAcceleratorProccessing());
+}
+
+} // namespace
