@@ -926,7 +926,10 @@ void V4L2Sensor::produce(std::stop_token stop)
                 bus.waitForChange(std::min(nextDue, now + pollSlice));
                 continue;
             }
-            nextDue = std::max(nextDue + period, now);
+            // Slots missed while a frame was painted are skipped, not caught up in a burst.
+            nextDue += period;
+            if (nextDue <= now)
+                nextDue = now + period;
         } else {
             // Unconstrained: the sensor runs as fast as buffers come back, dropping nothing.
             std::unique_lock lock(mutex_);
