@@ -58,10 +58,12 @@ private:
     mutable std::mutex mutex_;
     std::condition_variable changed_;
     unsigned long generation_ = 0;
-    std::map<std::string, std::shared_ptr<VirtualDevice>> devices_;
-    std::map<int, OpenFile> files_;
+    // Declared before the devices and open files so that it outlives them: device models keep
+    // using it (producer threads) until they are destroyed.
     FaultInjector faults_;
     SensorBus sensorBus_;
+    std::map<std::string, std::shared_ptr<VirtualDevice>> devices_;
+    std::map<int, OpenFile> files_;
     std::map<void*, std::shared_ptr<VirtualFile>> mappings_;
     int nextDescriptor_ = firstDescriptor;
 };

@@ -91,9 +91,9 @@ constexpr std::array<ControlSpec, 9> controlSpecs{{
 
 const ControlSpec* findControl(uint32_t id)
 {
-    for (const auto& spec : controlSpecs)
-        if (spec.id == id)
-            return &spec;
+    for (const auto& described : controlSpecs)
+        if (described.id == id)
+            return &described;
     return nullptr;
 }
 
@@ -463,9 +463,9 @@ private:
 V4L2Sensor::V4L2Sensor(EmulatedBoard& board, std::string path)
     : board_(board), path_(std::move(path)), format_(layout(pixelFormats[0], frameSizes[1]))
 {
-    for (const auto& spec : controlSpecs)
-        if (spec.type != V4L2_CTRL_TYPE_CTRL_CLASS)
-            values_[spec.id] = spec.defaultValue;
+    for (const auto& described : controlSpecs)
+        if (described.type != V4L2_CTRL_TYPE_CTRL_CLASS)
+            values_[described.id] = described.defaultValue;
     buffers_.reserve(maxBuffers);
     queued_.reserve(maxBuffers);
     done_.reserve(maxBuffers);
@@ -583,67 +583,67 @@ int V4L2Sensor::queryControl(v4l2_queryctrl& query) const
 {
     const uint32_t nextFlags = V4L2_CTRL_FLAG_NEXT_CTRL | V4L2_CTRL_FLAG_NEXT_COMPOUND;
     const uint32_t id = query.id & ~nextFlags;
-    const ControlSpec* spec = nullptr;
+    const ControlSpec* described = nullptr;
     if (query.id & V4L2_CTRL_FLAG_NEXT_CTRL) {
         for (const auto& candidate : controlSpecs) {
             if (candidate.id > id) {
-                spec = &candidate;
+                described = &candidate;
                 break;
             }
         }
     } else {
-        spec = findControl(id);
+        described = findControl(id);
     }
-    if (!spec)
+    if (!described)
         return fail(EINVAL);
     query = v4l2_queryctrl{};
-    query.id = spec->id;
-    query.type = spec->type;
-    copyText(query.name, sizeof(query.name), spec->name);
-    query.minimum = spec->minimum;
-    query.maximum = spec->maximum;
-    query.step = spec->step;
-    query.default_value = spec->defaultValue;
-    query.flags = spec->flags;
+    query.id = described->id;
+    query.type = described->type;
+    copyText(query.name, sizeof(query.name), described->name);
+    query.minimum = described->minimum;
+    query.maximum = described->maximum;
+    query.step = described->step;
+    query.default_value = described->defaultValue;
+    query.flags = described->flags;
     return 0;
 }
 
 int V4L2Sensor::queryMenu(v4l2_querymenu& entry) const
 {
-    const ControlSpec* spec = findControl(entry.id);
-    if (!spec || spec->type != V4L2_CTRL_TYPE_MENU || entry.index < uint32_t(spec->minimum) ||
-        entry.index > uint32_t(spec->maximum) || !spec->menu[entry.index])
+    const ControlSpec* described = findControl(entry.id);
+    if (!described || described->type != V4L2_CTRL_TYPE_MENU || entry.index < uint32_t(described->minimum) ||
+        entry.index > uint32_t(described->maximum) || !described->menu[entry.index])
         return fail(EINVAL);
     entry.reserved = 0;
-    copyText(entry.name, sizeof(entry.name), spec->menu[entry.index]);
+    copyText(entry.name, sizeof(entry.name), described->menu[entry.index]);
     return 0;
 }
 
 int V4L2Sensor::getControl(v4l2_control& control)
 {
-    const ControlSpec* spec = findControl(control.id);
-    if (!spec)
+    const ControlSpec* described = findControl(control.id);
+    if (!described)
         return fail(EINVAL);
-    if (spec->flags & V4L2_CTRL_FLAG_WRITE_ONLY)
+    if (described->flags & V4L2_CTRL_FLAG_WRITE_ONLY)
         return fail(EACCES);
     std::lock_guard lock(mutex_);
-    control.value = values_.at(spec->id);
+    control.value = values_.at(described->id);
     return 0;
 }
 
 int V4L2Sensor::setControl(v4l2_control& control)
 {
-    const ControlSpec* spec = findControl(control.id);
-    if (!spec)
+    const ControlSpec* described = findControl(control.id);
+    if (!described)
         return fail(EINVAL);
-    if (spec->flags & V4L2_CTRL_FLAG_READ_ONLY)
+    if (described->flags & V4L2_CTRL_FLAG_READ_ONLY)
         return fail(EACCES);
-    if (control.value < spec->minimum || control.value > spec->maximum)
+    if (control.value < described->minimum || control.value > described->maximum)
         return fail(ERANGE);
-    if (spec->type == V4L2_CTRL_TYPE_MENU && !spec->menu[control.value])
+    if (described->type == V4L2_CTRL_TYPE_MENU && !described->menu[control.value])
         return fail(EINVAL);
     std::lock_guard lock(mutex_);
-    values_[spec->id] = control.value;
+    values_[described->id] = control.value;
     return 0;
 }
 
