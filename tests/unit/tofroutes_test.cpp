@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <map>
 #include <regex>
 #include <sstream>
 #include <thread>
@@ -72,7 +73,6 @@ TEST(ToFRoutes, RepliesAndStateAcrossSettings)
         {"ToFSetFrequency 60", "OK", "Frequency set successfully"},
         {"ToFGetFrequency", "OK", "Frequency: 60"},
         {"ToFSetFrequency 61", "Error", "Frequency out of range for 4x4 resolution"},
-        {"ToFSetFrequency 0", "Error", "Frequency out of range for 4x4 resolution"},
         {"ToFSetFrequency -5", "Error", "Frequency out of range for 4x4 resolution"},
         {"ToFSetResolution 3", "OK", "Resolution set successfully to 8x8"},
         {"ToFGetResolution", "OK", "Resolution: 8x8"},
@@ -80,7 +80,6 @@ TEST(ToFRoutes, RepliesAndStateAcrossSettings)
         {"ToFSetFrequency 16", "Error", "Frequency out of range for 8x8 resolution"},
         {"ToFSetFrequency 15", "OK", "Frequency set successfully"},
         {"ToFSetResolution 0", "OK", "Resolution set successfully to 4x4"},
-        {"ToFSetResolution 2", "OK", "Resolution set successfully to 8x8"},
         {"ToFSetResolution", "OK", "Resolution set successfully to 4x4"}, // default 0
         {"ToFSetFrequency", "OK", "Frequency set successfully"},          // default 1
         {"ToFGetFrequency", "OK", "Frequency: 1"},
@@ -108,6 +107,8 @@ TEST(ToFRoutes, RepliesAndStateAcrossSettings)
 
         {"ToFSetPowerMode 0", "OK", "Power mode set successfully"},
         {"ToFGetPowerMode", "OK", "Power mode: SLEEP"},
+        {"ToFGetDistanceMatrix", "Error", "ToF '/dev/k52tof' is asleep: set the power mode to WAKEUP."},
+        {"ToFPerformXTalkCalibration", "Error", "ToF '/dev/k52tof' is asleep: set the power mode to WAKEUP."},
         {"ToFSetPowerMode 1", "OK", "Power mode set successfully"},
         {"ToFGetPowerMode", "OK", "Power mode: WAKEUP"},
         {"ToFPerformXTalkCalibration", "OK", "Cross-talk calibration performed successfully"},
@@ -173,43 +174,30 @@ TEST(ToFRoutes, DeviceErrorsBecomeErrorWithTheirText)
 {
     k52test::RouterHarness h;
     h.board().faults().inject(tofPath, Fault::ioError);
-    runSteps(h, {
-        {"ToFSetResolution 1", "Error", nullptr},
-        {"ToFGetResolution", "Error", nullptr},
-        {"ToFSetFrequency 10", "Error", nullptr},
-        {"ToFGetFrequency", "Error", nullptr},
-        {"ToFSetPowerMode 1", "Error", nullptr},
-        {"ToFGetPowerMode", "Error", nullptr},
-        {"ToFSetRangingMode 1", "Error", nullptr},
-        {"ToFGetRangingMode", "Error", nullptr},
-        {"ToFSetIntegrationTime 1000", "Error", nullptr},
-        {"ToFGetIntegrationTime", "Error", nullptr},
-        {"ToFSetReflectance 60", "Error", nullptr},
-        {"ToFSetNumberOfSamples 12", "Error", nullptr},
-        {"ToFSetObjectDistance 500", "Error", nullptr},
-        {"ToFPerformXTalkCalibration", "Error", nullptr},
-        {"ToFGetDistanceMatrix", "Error", nullptr},
-        // What lives beside the sensor still answers.
-        {"ToFGetStatus", "OK", "ToF is enabled"},
-        {"ToFGetReflectance", "OK", "Reflectance: 50"},
-        {"ToFGetNumberOfSamples", "OK", "Number of samples: 10"},
-        {"ToFGetObjectDistance", "OK", "Object distance: 1000"},
-        {"ToFSetMeasurementCount 3", "OK", "Loop count set successfully to 3"},
-    });
+    // What lives beside the sensor still answers; everything else reaches the device.
+    const std::map<std::string, std::string> unaffected = {
+        {"ToFGetStatus", "ToF is enabled"},
+        {"ToFGetReflectance", "Reflectance: 50"},
+        {"ToFGetNumberOfSamples", "Number of samples: 10"},
+        {"ToFGetObjectDistance", "Object distance: 1000"},
+        {"ToFSetMeasurementCount", "Loop count set successfully to 1"},
+    };
+    for (const auto& [name, route] : h.router->routes()) {
+        if (name.rfind("ToF", 0) != 0)
+            continue;
+        SCOPED_TRACE(name);
+        auto [status, message] = h.run(name);
+        auto it = unaffected.find(name);
+        if (it != unaffected.end()) {
+            EXPECT_EQ(status, "OK");
+            EXPECT_EQ(message, it->second);
+        } else {
+            EXPECT_EQ(status, "Error");
+            EXPECT_THAT(message, HasSubstr(tofPath)) << "device errors name the sensor";
+        }
+    }
     h.board().faults().clear(tofPath);
     runSteps(h, {{"ToFGetResolution", "OK", "Resolution: 4x4"}});
-}
-
-TEST(ToFRoutes, SleepingSensorRefusesToMeasure)
-{
-    k52test::RouterHarness h;
-    ASSERT_EQ(h.run("ToFSetPowerMode 0").first, "OK");
-    for (const char* command : {"ToFGetDistanceMatrix", "ToFPerformXTalkCalibration"}) {
-        SCOPED_TRACE(command);
-        auto [status, message] = h.run(command);
-        EXPECT_EQ(status, "Error");
-        EXPECT_THAT(message, HasSubstr("asleep"));
-    }
 }
 
 TEST(ToFRoutes, SensorThatDidNotComeUpAnswersErrorEverywhere)

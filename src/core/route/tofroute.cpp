@@ -4,6 +4,7 @@
 #include "utils/base/exceptions.h"
 #include "utils/base/strings.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <exception>
