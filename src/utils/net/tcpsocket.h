@@ -19,8 +19,10 @@ class TCPSocket {
 public:
     // How long acceptConnection() waits for a client before it throws UtilsTimeoutException.
     static constexpr std::chrono::milliseconds acceptTimeout{100};
-    // How long receive() waits for data; short, since callers hold a lock while they wait.
-    static constexpr std::chrono::milliseconds receiveTimeout{50};
+    // How long receive() waits for data; short, since callers hold a lock while they wait:
+    // on the control socket an acknowledgement waits for that lock, so this wait is part of
+    // every command's round trip.
+    static constexpr std::chrono::milliseconds receiveTimeout{10};
     // How long send() waits for a client that does not read before it gives up with IOError.
     static constexpr std::chrono::seconds sendTimeout{5};
     // The most bytes one receive() returns.
