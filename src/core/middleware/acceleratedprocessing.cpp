@@ -7,6 +7,7 @@
 #include "utils/io/iov4l2.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 
 namespace k52app {
@@ -116,9 +117,13 @@ void AcceleratedProcessing::cropAndNormalise(const uint8_t* frame, uint32_t rowP
         std::memset(out, 0, size);
         return;
     }
+    // One division per level rather than per pixel.
+    std::array<uint8_t, 256> stretched{};
     const unsigned range = maximum - minimum;
+    for (unsigned level = minimum; level <= maximum; ++level)
+        stretched[level] = static_cast<uint8_t>((level - minimum) * 255u / range);
     for (size_t i = 0; i < size; ++i)
-        out[i] = static_cast<uint8_t>((out[i] - minimum) * 255u / range);
+        out[i] = stretched[out[i]];
 }
 
 const char* AcceleratedProcessing::intensityCategory(uint8_t averageIntensity)
