@@ -1,12 +1,11 @@
 #!/usr/bin/env bash
-# Configures (once) and builds one build directory: scripts/build.sh DIR [cmake options...] -- [targets...]
+# Configures and builds one build directory: scripts/build.sh DIR [cmake options...] -- [targets...]
+# The options are applied every time, so a directory configured earlier follows them.
 set -euo pipefail
 dir=$1; shift
 opts=(); targets=()
 while [ $# -gt 0 ] && [ "$1" != "--" ]; do opts+=("$1"); shift; done
 [ $# -gt 0 ] && shift
 targets=("$@")
-if [ ! -f "$dir/build.ninja" ]; then
-  cmake -G Ninja -S . -B "$dir" "${opts[@]}" >/dev/null
-fi
+cmake -G Ninja -S . -B "$dir" "${opts[@]}" >/dev/null
 ninja -C "$dir" "${targets[@]}"

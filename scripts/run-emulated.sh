@@ -6,7 +6,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
-scripts/build.sh build -DK52_BUILD_BENCH=ON -- k52app k52ctl
+scripts/build.sh build -DK52_BUILD_TESTS=ON -DK52_BUILD_BENCH=ON -- k52app k52ctl
 
 sink=""
 if [ ! -S /dev/log ]; then

@@ -51,7 +51,15 @@ Core::Core(const ConfigParser& config, unsigned hardwareConcurrency)
     router_.registerK52Commands();
 }
 
-Core::~Core() = default;
+// The button's edge callbacks send through the reporter; stop them before it goes.
+Core::~Core()
+{
+    try {
+        resources_.button().close();
+    } catch (const std::exception& e) {
+        K52_LOG(warn) << "Core: button not closed: " << e.what();
+    }
+}
 
 void Core::addWorker(std::thread worker)
 {
