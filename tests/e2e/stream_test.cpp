@@ -236,7 +236,7 @@ TEST(Stream, DisconnectStopsTheStreamWithOneWorkerAndSigtermEndsAStreamCleanly)
     const std::string general = daemon.config().containerDir() + "k52generalContainer";
     ASSERT_TRUE(std::filesystem::exists(xml));
     ASSERT_TRUE(std::filesystem::exists(general));
-    EXPECT_EQ(daemon.stop(SIGTERM, std::chrono::seconds(15)), 0);
+    EXPECT_EQ(daemon.stop(SIGTERM, std::chrono::seconds(15)), 0) << daemon.standardError();
     EXPECT_FALSE(std::filesystem::exists(xml));
     EXPECT_FALSE(std::filesystem::exists(general));
     EXPECT_EQ(reader.failure(), "");

@@ -84,15 +84,16 @@ void AcceleratedProcessing::processFrame(const uint8_t* frame, uint32_t usedSize
     openCL_.setKernelArgument(2, int32_t(width));
     openCL_.setKernelArgument(3, int32_t(height));
     openCL_.executeKernel();
+    area.begin(rowPixels, rows, pixelFormat, size);
     uint8_t* data = area.data();
     openCL_.readBuffer(output_, data, size);
+    area.appendInPlace(size);
 
     const unsigned intensity = size > 0 ? data[0] : 0;
     K52_LOG(info) << "AVG Intensity = " << intensity << " category of sample [kernel=1] : "
                   << intensityCategory(uint8_t(intensity));
 
-    area.setHeader(rowPixels, rows, pixelFormat);
-    area.finish(uint32_t(size));
+    area.finish();
 }
 
 void AcceleratedProcessing::cropAndNormalise(const uint8_t* frame, uint32_t rowPixels,

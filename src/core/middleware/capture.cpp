@@ -7,6 +7,7 @@
 #include "utils/base/crc.h"
 #include "utils/base/exceptions.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <mutex>
@@ -40,12 +41,18 @@ bool isEmpty(const v4l2_rect& rect)
 
 FrameArea::FrameArea(utils::GeneralContainer& container) : container_(&container) {}
 
-void FrameArea::setHeader(uint32_t width, uint32_t height, uint32_t pixelFormat)
+void FrameArea::begin(uint32_t width, uint32_t height, uint32_t pixelFormat, uint64_t n)
 {
+    checkSize(n);
     auto& metadata = container_->subContainer<GeneralSubContainer::frameMetadata>().payload;
     metadata.width = width;
     metadata.height = height;
     metadata.pixelFormat = pixelFormat;
+    length_ = static_cast<uint32_t>(n);
+    written_ = 0;
+    container_->subContainer<GeneralSubContainer::frameData>().size = length_ + 8;
+    container_->size = static_cast<uint32_t>(overhead + n);
+    crc_ = utils::CRCSum32(container_, dataOffset, utils::GeneralContainer::seed);
 }
 
 uint8_t* FrameArea::data()
@@ -59,16 +66,36 @@ void FrameArea::checkSize(uint64_t n)
         throw utils::UtilsError("the desiered size " + std::to_string(n + 8) + " is invalid");
 }
 
-void FrameArea::finish(uint32_t n)
+void FrameArea::append(const uint8_t* bytes, size_t length)
 {
-    checkSize(n);
-    container_->subContainer<GeneralSubContainer::frameData>().size = n + 8;
-    container_->size = static_cast<uint32_t>(overhead + n);
-    auto* bytes = reinterpret_cast<uint8_t*>(container_);
-    const uint32_t crc = utils::CRCSum32(bytes, dataOffset + n, utils::GeneralContainer::seed);
+    // Chunks small enough to stay in cache between the copy and the checksum.
+    constexpr size_t chunk = 64 * 1024;
+    for (size_t done = 0; done < length;) {
+        const size_t part = std::min(chunk, length - done);
+        std::memcpy(data() + written_, bytes + done, part);
+        appendInPlace(part);
+        done += part;
+    }
+}
+
+void FrameArea::appendInPlace(size_t length)
+{
+    if (written_ + length > length_)
+        throw utils::UtilsRuntimeError("frame data beyond the announced " + std::to_string(length_) +
+                                       " bytes.");
+    // Continuing a CRC: the register starts from the previous result, inverted back.
+    crc_ = utils::CRCSum32(data() + written_, length, ~crc_);
+    written_ += static_cast<uint32_t>(length);
+}
+
+void FrameArea::finish()
+{
+    if (written_ != length_)
+        throw utils::UtilsRuntimeError("frame data incomplete: " + std::to_string(written_) + " of " +
+                                       std::to_string(length_) + " bytes.");
     // Readers of the wire find it right after the data; readers of the file also at its end.
-    std::memcpy(bytes + dataOffset + n, &crc, sizeof crc);
-    container_->checksum = crc;
+    std::memcpy(data() + length_, &crc_, sizeof crc_);
+    container_->checksum = crc_;
 }
 
 const uint8_t* FrameArea::usedPart() const { return reinterpret_cast<const uint8_t*>(container_); }
@@ -118,9 +145,13 @@ void Capture::startAquisition(uint32_t fourcc, uint32_t resolutionIndex, uint32_
 
 void Capture::stopAquisition()
 {
-    std::lock_guard rtuLock(resources_->getMutex(K52ResourceGroups::RTU));
-    resources_->rtu().enableAcquisition(false);
+    {
+        std::lock_guard rtuLock(resources_->getMutex(K52ResourceGroups::RTU));
+        resources_->rtu().enableAcquisition(false);
+    }
+    // Device before RTU, as acquisition start takes them, so that the two never deadlock.
     std::lock_guard deviceLock(resources_->getMutex(K52ResourceGroups::V4L2));
+    std::lock_guard rtuLock(resources_->getMutex(K52ResourceGroups::RTU));
     resources_->rtu().setAutoTrigger(utils::IORTUTriggerMode::manual);
     resources_->v4l2().streamOff();
     resources_->v4l2().unmapBuffers();
@@ -151,13 +182,11 @@ void Capture::storeFrame(const uint8_t* frame, uint32_t usedSize, const v4l2_pix
         throw utils::UtilsRuntimeError("invalid frame buffer size.");
     const uint32_t stride = height == 0 ? 0 : usedSize / height;
     const uint32_t channels = utils::IOV4L2::channels(format.pixelformat);
-    uint8_t* data = frameArea_.data();
 
     if (paddingMode()) {
-        FrameArea::checkSize(usedSize);
-        frameArea_.setHeader(stride / channels, height, pixelFormat);
-        std::memcpy(data, frame, usedSize);
-        frameArea_.finish(usedSize);
+        frameArea_.begin(stride / channels, height, pixelFormat, usedSize);
+        frameArea_.append(frame, usedSize);
+        frameArea_.finish();
         return;
     }
 
@@ -167,14 +196,14 @@ void Capture::storeFrame(const uint8_t* frame, uint32_t usedSize, const v4l2_pix
     // Rows narrower than the format says would be read past the buffer.
     if (stride < rowBytes && height > 0)
         throw utils::UtilsRuntimeError("invalid frame buffer size.");
-    frameArea_.setHeader(width, height, pixelFormat);
+    frameArea_.begin(width, height, pixelFormat, n);
     if (stride == rowBytes) {
-        std::memcpy(data, frame, n); // no line padding: one copy
+        frameArea_.append(frame, n); // no line padding: one run
     } else {
         for (uint32_t row = 0; row < height; ++row)
-            std::memcpy(data + row * rowBytes, frame + uint64_t(row) * stride, rowBytes);
+            frameArea_.append(frame + uint64_t(row) * stride, rowBytes);
     }
-    frameArea_.finish(static_cast<uint32_t>(n));
+    frameArea_.finish();
 }
 
 void Capture::streamStart(uint32_t fourcc, uint32_t resolutionIndex, const Progress& progress)

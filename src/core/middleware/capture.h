@@ -35,14 +35,19 @@ public:
 
     explicit FrameArea(utils::GeneralContainer& container);
 
-    void setHeader(uint32_t width, uint32_t height, uint32_t pixelFormat);
-    uint8_t* data();
+    // Starts a frame of `n` data bytes: checks that they fit (UtilsError "the desiered size
+    // <n + 8> is invalid"), writes the header fields and both lengths.
+    void begin(uint32_t width, uint32_t height, uint32_t pixelFormat, uint64_t n);
+    // Copies the next data bytes in and folds them into the checksum while they are still in
+    // cache, which saves a second pass over the frame.
+    void append(const uint8_t* bytes, size_t length);
+    // The same for data bytes already written in place, after those appended so far.
+    void appendInPlace(size_t length);
+    // Stores the checksum right after the data and at the end of the capacity.
+    void finish();
 
-    // Throws UtilsError "the desiered size <n + 8> is invalid" when `n` data bytes do not fit.
+    uint8_t* data();
     static void checkSize(uint64_t n);
-    // Publishes `n` data bytes already in data(): the data length, the total length and both
-    // checksum stores.
-    void finish(uint32_t n);
 
     // The used part, as the last finish() left it.
     const uint8_t* usedPart() const;
@@ -50,6 +55,9 @@ public:
 
 private:
     utils::GeneralContainer* container_;
+    uint32_t length_ = 0;
+    uint32_t written_ = 0;
+    uint32_t crc_ = 0;
 };
 
 // Turns the image sensor into a frame source: starts and stops acquisition (capture device and
