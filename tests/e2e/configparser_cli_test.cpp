@@ -114,7 +114,7 @@ INSTANTIATE_TEST_SUITE_P(
         CliCase{"VersionWinsOverEarlierHelp", {"-h", "-v"}, "", 0, banner},
         CliCase{"UnknownBeforeVersionWins", {"--bogus", "-v"}, "", 1, unknownBogus},
         // "-c" consumes "-v" as its path, which then cannot be opened.
-        CliCase{"VersionConsumedAsValue", {"-c", "-v"}, "", 1, ""}),
+        CliCase{"VersionConsumedAsValue", {"-c", "-v"}, "", 1, "k52app: start-up failed: Unable to open config file: -v\n"}),
     [](const auto& info) { return info.param.name; });
 
 INSTANTIATE_TEST_SUITE_P(
@@ -137,7 +137,7 @@ INSTANTIATE_TEST_SUITE_P(
                 1,
                 "Error: --command option requires a non-empty argument.\n"},
         // An empty separate value is accepted; the empty path then fails to open.
-        CliCase{"EmptyConfigArgument", {"--config", "", "-d"}, "", 1, ""},
+        CliCase{"EmptyConfigArgument", {"--config", "", "-d"}, "", 1, "k52app: start-up failed: Unable to open config file: \n"},
         CliCase{"EmptyCommandArgument",
                 {"-c", "{conf}", "-C", "", "-d"},
                 sensorLine,
@@ -224,18 +224,18 @@ INSTANTIATE_TEST_SUITE_P(
                 "  \"platform\": \"no-such-board\"\n}\n"}),
     [](const auto& info) { return info.param.name; });
 
-// Start-up failures end with status 1; their records go to the log, not to standard error.
+// Start-up failures end with status 1; the record goes to the log and one line to standard error.
 INSTANTIATE_TEST_SUITE_P(
     StartUpFailures, CommandLine,
     testing::Values(
-        CliCase{"UpperCaseKey", {"-c", "{conf}", "-d"}, sensorLine + "Key=1\n", 1, ""},
-        CliCase{"DigitZeroInKey", {"-c", "{conf}", "-d"}, "key0=1\n" + sensorLine, 1, ""},
-        CliCase{"EmptyKey", {"-c", "{conf}", "-d"}, "=value\n" + sensorLine, 1, ""},
-        CliCase{"DotInKey", {"-c", "{conf}", "-d"}, "rtu.path=/dev/x\n" + sensorLine, 1, ""},
-        CliCase{"MissingFile", {"-c", "{dir}/absent.conf", "-d"}, "", 1, ""},
-        CliCase{"DirectoryAsFile", {"-c", "{dir}", "-d"}, "", 1, ""},
+        CliCase{"UpperCaseKey", {"-c", "{conf}", "-d"}, sensorLine + "Key=1\n", 1, "k52app: start-up failed: Invalid key format: Key\n"},
+        CliCase{"DigitZeroInKey", {"-c", "{conf}", "-d"}, "key0=1\n" + sensorLine, 1, "k52app: start-up failed: Invalid key format: key0\n"},
+        CliCase{"EmptyKey", {"-c", "{conf}", "-d"}, "=value\n" + sensorLine, 1, "k52app: start-up failed: Invalid key format: \n"},
+        CliCase{"DotInKey", {"-c", "{conf}", "-d"}, "rtu.path=/dev/x\n" + sensorLine, 1, "k52app: start-up failed: Invalid key format: rtu.path\n"},
+        CliCase{"MissingFile", {"-c", "{dir}/absent.conf", "-d"}, "", 1, "k52app: start-up failed: Unable to open config file: {dir}/absent.conf\n"},
+        CliCase{"DirectoryAsFile", {"-c", "{dir}", "-d"}, "", 1, "k52app: start-up failed: Unable to open config file: {dir}\n"},
         CliCase{"UnknownPlatform", {"-c", "{conf}"}, "platform=no-such-board\n" + sensorLine, 1,
-                ""}),
+                "k52app: start-up failed: Unknown platform 'no-such-board': expected 'linux' or 'emulated'.\n"}),
     [](const auto& info) { return info.param.name; });
 
 // ---------------------------------------------------------------------------------------------
