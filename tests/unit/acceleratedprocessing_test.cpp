@@ -246,35 +246,13 @@ TEST_F(AcceleratedProcessingTest, EnableRulesAndDisableResetsTheRegion)
                  utils::UtilsRuntimeError);
 }
 
-// The route picks the kernel by mode; a stream then runs the frames of the emulated sensor
-// through it. Flat Field is one level everywhere but the counter box and the moving square,
-// which a region in the frame's lower left avoids.
+// The route picks the kernel by mode; frames of the emulated sensor's Flat Field then run
+// through it.
 TEST_F(AcceleratedProcessingTest, RouteChoosesTheKernelByMode)
 {
     if (!std::filesystem::exists(installedKernelFile))
         GTEST_SKIP() << installedKernelFile << " is not installed (scripts/install-opencl-kernel.sh)";
-    h.resources->v4l2().setCtrl(0x009f0903, 3); // Flat Field, level 128 at the default exposure
-    struct Case {
-        const char* command;
-        uint8_t first, rest; // first byte: the mean or an edge value; the rest of the image
-    };
-    const Case cases[] = {
-        {"CaptureAcceleratedProcessing 1 0 100 400 480", 0, 0},
-        {"CaptureAcceleratedProcessing 2 0 100 400 480", 0, 0},
-    };
-    // A flat region is normalised to 0: processImage's mean and sharpening give 0, and so does
-    // the Sobel magnitude. The two kernels are told apart on a whole frame below.
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.command);
-        EXPECT_EQ(h.run(c.command).second, "CaptureEnableAcceleratedProcessing: Accelerator enabled.");
-        h.capture->startAquisition(V4L2_PIX_FMT_GREY, 0, 2, v4l2_rect{}, utils::IORTUTriggerMode::continuous);
-        h.capture->snapshotFrame(2000);
-        h.capture->stopAquisition();
-        EXPECT_EQ(h.run("CaptureAcceleratedProcessing 0").first, "OK");
-        const Image out = frameData(100 * 80);
-        EXPECT_EQ(out[0], c.first);
-        EXPECT_EQ(size_t(std::count(out.begin() + 1, out.end(), c.rest)), out.size() - 1);
-    }
+    h.resources->v4l2().setCtrl(0x009f0903, 3); // Flat Field
     // The whole 640x480 frame is not normalised: processImage keeps the flat level (sharpening
     // a flat area changes nothing), Sobel finds no edge, away from the counter and the square.
     const std::pair<const char*, bool> wholeFrame[] = {
@@ -283,17 +261,13 @@ TEST_F(AcceleratedProcessingTest, RouteChoosesTheKernelByMode)
     };
     for (const auto& [command, keepsLevel] : wholeFrame) {
         SCOPED_TRACE(command);
-        EXPECT_EQ(h.run(command).first, "OK");
+        EXPECT_EQ(h.run(command).second, "CaptureEnableAcceleratedProcessing: Accelerator enabled.");
         h.capture->startAquisition(V4L2_PIX_FMT_GREY, 0, 2, v4l2_rect{}, utils::IORTUTriggerMode::continuous);
         h.capture->snapshotFrame(2000);
         h.capture->stopAquisition();
         h.run("CaptureAcceleratedProcessing 0");
-        const Image out = frameData(640 * 480);
-        const uint8_t level = out[size_t(460) * 640 + 320];
-        if (keepsLevel)
-            EXPECT_GT(level, 0);
-        else
-            EXPECT_EQ(level, 0);
+        const uint8_t level = frameData(640 * 480)[size_t(460) * 640 + 320];
+        EXPECT_EQ(level > 0, keepsLevel) << int(level);
     }
 }
 
