@@ -1,9 +1,11 @@
-// The XML descriptor end to end: the real daemon's control socket, the client library that
-// reads it, and k52ctl saving it.
+// The container routes end to end: the XML descriptor on the real daemon's control socket and
+// the client library that reads it; k52ctl saving the descriptor, static frames and frames of a
+// stream.
 #include "client/descriptor.h"
 #include "support/daemonprocess.h"
 #include "support/process.h"
 #include "support/tempdir.h"
+#include "utils/io/imageserializer.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -47,18 +49,26 @@ void expectStatus(const std::string& document)
     EXPECT_NE(status->FirstChildElement("rtu"), nullptr);
 }
 
-class XmlDescriptor : public ::testing::Test {
+class Daemon : public ::testing::Test {
 protected:
     static void SetUpTestSuite() { daemon = std::make_unique<DaemonProcess>(); }
     static void TearDownTestSuite() { daemon.reset(); }
 
     ControlClient connect() { return ControlClient("127.0.0.1", daemon->config().controlPort()); }
 
+    static k52test::ProcessResult ctl(const std::vector<std::string>& arguments)
+    {
+        std::vector<std::string> all = {"--port", std::to_string(daemon->config().controlPort()), "--stream-port",
+                                        std::to_string(daemon->config().streamPort())};
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        return k52test::runProcess(K52CTL_BINARY, all);
+    }
+
     static std::unique_ptr<DaemonProcess> daemon;
 };
-std::unique_ptr<DaemonProcess> XmlDescriptor::daemon;
+std::unique_ptr<DaemonProcess> Daemon::daemon;
 
-TEST_F(XmlDescriptor, FixedSizeMessageThenTheAcknowledgement)
+TEST_F(Daemon, XmlDescriptorIsAFixedSizeMessageThenTheAcknowledgement)
 {
     auto client = connect();
     client.send("GetXmlDescriptor");
@@ -82,7 +92,7 @@ TEST_F(XmlDescriptor, FixedSizeMessageThenTheAcknowledgement)
     expectStatus(descriptor.document);
 }
 
-TEST_F(XmlDescriptor, ClientLibraryRejectsDamagedMessages)
+TEST_F(Daemon, XmlDescriptorReaderRejectsDamagedMessages)
 {
     auto client = connect();
     const auto reply = k52client::fetchXmlDescriptor(client);
@@ -124,12 +134,11 @@ TEST_F(XmlDescriptor, ClientLibraryRejectsDamagedMessages)
     }
 }
 
-TEST_F(XmlDescriptor, CtlSavesTheDocument)
+TEST_F(Daemon, CtlSavesTheXmlDocument)
 {
     k52test::TempDir dir;
     const std::string path = dir.file("descriptor.xml");
-    auto result = k52test::runProcess(
-        K52CTL_BINARY, {"--port", std::to_string(daemon->config().controlPort()), "xml", path});
+    auto result = ctl({"xml", path});
     ASSERT_EQ(result.exitStatus, 0) << result.err;
     EXPECT_THAT(result.out, HasSubstr("XML Container Sent CRC=0x"));
     tinyxml2::XMLDocument xml;
@@ -137,6 +146,49 @@ TEST_F(XmlDescriptor, CtlSavesTheDocument)
     tinyxml2::XMLPrinter printer;
     xml.Print(&printer);
     expectStatus(printer.CStr());
+}
+
+TEST_F(Daemon, CtlSavesStaticFramesAsImages)
+{
+    k52test::TempDir dir;
+    const struct {
+        const char* name;
+        const char* file;
+    } cases[] = {{"gradient-640x480.pgm", "g.pgm"}, {"colourbars-320x240.ppm", "c.ppm"}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        auto result = ctl({"static", c.name, dir.file(c.file)});
+        ASSERT_EQ(result.exitStatus, 0) << result.out << result.err;
+        const auto saved = utils::ImageSerializer::read(dir.file(c.file));
+        const auto shipped = utils::ImageSerializer::read(std::string(K52_SOURCE_DIR) + "/etc/static-frames/" + c.name);
+        EXPECT_EQ(saved.width, shipped.width);
+        EXPECT_EQ(saved.height, shipped.height);
+        EXPECT_EQ(saved.channels, shipped.channels);
+        EXPECT_TRUE(saved.pixels == shipped.pixels);
+    }
+    auto unknown = ctl({"static", "nothing.pgm", dir.file("n.pgm")});
+    EXPECT_EQ(unknown.exitStatus, 2);
+    EXPECT_THAT(unknown.out, HasSubstr("Error GetStaticFrame: Unknown static frame 'nothing.pgm' (available: "));
+}
+
+TEST_F(Daemon, CtlStreamVerifiesSavesAndStopsCleanly)
+{
+    k52test::TempDir dir;
+    auto result = ctl({"stream", "GREY", "0", "--frames", "15", "--save", "1", "--save-every", "10", "--out", dir.path()});
+    ASSERT_EQ(result.exitStatus, 0) << result.out << result.err;
+    EXPECT_THAT(result.out, HasSubstr("frames received and verified"));
+    for (const char* file : {"frame-000000.pgm", "frame-000010.pgm"}) {
+        SCOPED_TRACE(file);
+        const auto frame = utils::ImageSerializer::read(dir.file(file));
+        EXPECT_EQ(frame.width, 640u);
+        EXPECT_EQ(frame.height, 480u);
+        EXPECT_EQ(frame.channels, 1u);
+    }
+    // The stream is over and left nothing behind: the next client's first answer is its own.
+    auto client = connect();
+    auto ack = client.command("GetRTUFPS");
+    EXPECT_EQ(ack.status(), "OK");
+    EXPECT_EQ(ack.reply(), "GetRTUFPS: RTU FPS: 30");
 }
 
 } // namespace

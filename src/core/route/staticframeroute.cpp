@@ -1,5 +1,6 @@
 #include "core/commandrouter.h"
 #include "core/k52resourcemanager.h"
+#include "core/middleware/capture.h"
 #include "k52app/logrecord.h"
 #include "utils/base/exceptions.h"
 
@@ -17,10 +18,6 @@ namespace {
 using Arguments = std::vector<std::string>;
 using utils::ImageSerializer;
 
-// The frame header and its data end where the frame's checksum goes.
-constexpr uint32_t frameDataOffset = 2244;
-constexpr uint32_t frameChecksumSize = 4;
-
 uint32_t pixelFormatOf(const ImageSerializer::ImageData& image)
 {
     switch (image.channels) {
@@ -33,28 +30,20 @@ uint32_t pixelFormatOf(const ImageSerializer::ImageData& image)
                                    " channels has no pixel format.");
 }
 
-// Lays the image out in the frame area exactly as a captured frame: size, format, data, the
-// used length at offset 4 and the checksum after the data and at the end of the capacity.
-// Returns the checksum; the caller holds the general container's group.
-uint32_t storeFrame(ContainerManager& containers, const std::string& name,
-                    const ImageSerializer::ImageData& image)
+// A static frame sits in the frame area exactly as a captured one, so readers of the file and
+// of the stream socket cannot tell them apart. The caller holds the general container's group.
+void storeFrame(FrameArea& frame, const ImageSerializer::ImageData& image)
 {
-    const auto length = image.pixels.size();
-    if (length > utils::IOV4L2FrameData::capacity)
-        throw utils::UtilsRuntimeError("static frame '" + name + "' of " + std::to_string(length) +
-                                       " bytes does not fit the frame area.");
-    auto& metadata = containers.frameMetadataSubContainer().payload;
-    metadata.width = image.width;
-    metadata.height = image.height;
-    metadata.pixelFormat = pixelFormatOf(image);
-    auto& data = containers.frameDataSubContainer();
-    std::memcpy(data.payload.bytes, image.pixels.data(), length);
-    const auto n = static_cast<uint32_t>(length);
-    data.size = n + 8;
-    auto& general = containers.generalContainer();
-    general.size = frameDataOffset + n + frameChecksumSize;
-    general.checksum = containers.updateChecksum(K52Container::GENERAL);
-    return general.checksum;
+    frame.begin(image.width, image.height, pixelFormatOf(image), image.pixels.size());
+    frame.append(image.pixels.data(), image.pixels.size());
+    frame.finish();
+}
+
+uint32_t checksumOf(const FrameArea& frame)
+{
+    uint32_t checksum;
+    std::memcpy(&checksum, frame.usedPart() + frame.usedLength() - sizeof checksum, sizeof checksum);
+    return checksum;
 }
 
 std::string frameNames(const K52ResourceManager::StaticFrameMap& frames)
@@ -89,12 +78,13 @@ void K52CommandRouter::registerStaticFrameCommands()
             if (found == frames.end())
                 return reply.refuse("Unknown static frame '" + name + "' (available: " +
                                     frameNames(frames) + ").");
-            const uint32_t checksum = storeFrame(resources->containers(), name, *found->second);
+            FrameArea frame(resources->containers().generalContainer());
+            storeFrame(frame, *found->second);
+            const uint32_t checksum = checksumOf(frame);
 
             std::lock_guard streamLock(resources->getMutex(K52ResourceGroups::STREAM_SOCKET));
-            const auto& general = resources->containers().generalContainer();
-            resources->streamSocket().send(&general, general.size);
-            K52_LOG(info) << "Static-Frame '" << name << "' Sent " << general.size << " bytes, CRC="
+            resources->streamSocket().send(frame.usedPart(), frame.usedLength());
+            K52_LOG(info) << "Static-Frame '" << name << "' Sent " << frame.usedLength() << " bytes, CRC="
                           << hex32(checksum);
             return reply.ok("Static-Frame Sent CRC=" + hex32(checksum));
         });
