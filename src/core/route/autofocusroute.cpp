@@ -48,13 +48,6 @@ AutoFocusBody runs(void (IOAutoFocus::*command)(), std::string confirmation)
     };
 }
 
-utils::SpinnerArgumentMetaData autoFocusArgument(std::string name, std::string description,
-                                                 double maximum)
-{
-    return {std::move(name), std::move(description), utils::SpinnerArgumentType::numerical,
-            utils::SpinnerArgumentNumericalLimit{0, maximum, 1}, utils::isNumericalString, "", 1};
-}
-
 } // namespace
 
 void K52CommandRouter::registerAutoFocusCommands()
@@ -72,17 +65,17 @@ void K52CommandRouter::registerAutoFocusCommands()
 
     registerRoutes({
         route("Error", "SetAFPosition", "Sets the position of the AF module",
-              {autoFocusArgument("position", "the desiered autofocus position", 65535)},
+              {utils::numericalArgument("position", "the desiered autofocus position", 0, 65535)},
               writes(&M::setPosition, "AF position set to ")),
         route("OK", "GetAFPosition", "Gets the current position of the AF module", {},
               reads("Current position: ", &M::getPosition)),
         route("OK", "GetAFPositionMax", "Gets the max position of the AF module", {},
               reads("Max position: ", &M::getPositionMax)),
         route("OK", "SetAFLEDMode", "Sets the LED mode of the AF module",
-              {autoFocusArgument("mode", "the desired LED mode (0 = always active, 1 = off at capture)", 1)},
+              {utils::numericalArgument("mode", "the desired LED mode (0 = always active, 1 = off at capture)", 0, 1)},
               writes(&M::setLEDMode, "LED mode set to ")),
         route("OK", "SetAFLEDState", "Sets the LED state of the AF module",
-              {autoFocusArgument("state", "the desired LED state (0 = off, 1 = on)", 1)},
+              {utils::numericalArgument("state", "the desired LED state (0 = off, 1 = on)", 0, 1)},
               writes(&M::setLEDState, "LED state set to ")),
         route("OK", "ResetAF", "Resets the AF module", {},
               runs(&M::reset, "AF module reset successfully.")),

@@ -67,24 +67,17 @@ RouteReply setI2C(const Arguments& arguments)
     });
 }
 
-utils::SpinnerArgumentMetaData i2cArgument(std::string name, std::string description,
-                                           double minimum, double maximum)
-{
-    return {std::move(name), std::move(description), utils::SpinnerArgumentType::numerical,
-            utils::SpinnerArgumentNumericalLimit{minimum, maximum, 1}, utils::isNumericalString, "", 1};
-}
-
 } // namespace
 
 void K52CommandRouter::registerI2CCommands()
 {
     const std::vector<utils::SpinnerArgumentMetaData> registerAddress = {
-        i2cArgument("i2c_bus", "the bus number", 2, 4),
-        i2cArgument("i2c_address", "the device address", 1, 255),
-        i2cArgument("register_offset", "the desiered register offset", 1, 255),
+        utils::numericalArgument("i2c_bus", "the bus number", 2, 4),
+        utils::numericalArgument("i2c_address", "the device address", 1, 255),
+        utils::numericalArgument("register_offset", "the desiered register offset", 1, 255),
     };
     auto withValue = registerAddress;
-    withValue.push_back(i2cArgument("register_value", "the desiered register value", 1, 255));
+    withValue.push_back(utils::numericalArgument("register_value", "the desiered register value", 1, 255));
 
     registerRoutes({
         {"GetI2C",

@@ -50,13 +50,6 @@ IlluminationBody writes(void (IOIllumination::*set)(unsigned),
     };
 }
 
-utils::SpinnerArgumentMetaData illuminationArgument(std::string name, std::string description,
-                                                    double maximum)
-{
-    return {std::move(name), std::move(description), utils::SpinnerArgumentType::numerical,
-            utils::SpinnerArgumentNumericalLimit{0, maximum, 1}, utils::isNumericalString, "0", 1};
-}
-
 } // namespace
 
 void K52CommandRouter::registerIlluminationCommands()
@@ -67,7 +60,7 @@ void K52CommandRouter::registerIlluminationCommands()
         return RouteEntry{std::move(name), std::move(description), {std::move(arguments)},
                           std::move(handler)};
     };
-    const auto brightness = illuminationArgument("brightness", "brightness of the channel", 100);
+    const auto brightness = utils::numericalArgument("brightness", "brightness of the channel", 0, 100, "0");
     using M = IOIllumination;
 
     registerRoutes({
@@ -80,19 +73,17 @@ void K52CommandRouter::registerIlluminationCommands()
         route("GetIlluExternalTemperature", "Gets the external temperature of the Illumination module",
               {}, reads("External Temperature: ", &M::getExternalTemperature)),
         route("SetIlluMode", "Sets the mode of the Illumination module",
-              {illuminationArgument("mode",
-                                    "the desired illumination mode (0 = Continuous, 65535 = Strobe mode)",
-                                    65535)},
+              {utils::numericalArgument("mode", "the desired illumination mode (0 = Continuous, 65535 = Strobe mode)", 0, 65535, "0")},
               writes(&M::setMode, parseInt)),
         route("GetIlluMode", "Gets the mode of the Illumination module", {},
               reads("Mode: ", &M::getMode)),
         route("GetIlluSegments", "Gets the segments of the Illumination module", {},
               reads("Segments: ", &M::getSegments)),
         route("SetIlluSegments", "Sets the segments of the Illumination module",
-              {illuminationArgument("segments", "the desired 4-bit segments mode", 15)},
+              {utils::numericalArgument("segments", "the desired 4-bit segments mode", 0, 15, "0")},
               writes(&M::setSegments)),
         route("SetIlluEnable", "Sets the enable state of the Illumination module",
-              {illuminationArgument("state", "state mode, 0 is disable", 4294967295.0)},
+              {utils::numericalArgument("state", "state mode, 0 is disable", 0, 4294967295.0, "0")},
               writes(&M::setEnable)),
         route("SetIlluWhiteBrightness", "Sets the brightness of the white channel of the Illumination module",
               {brightness}, writes(&M::setWhiteBrightness)),

@@ -34,18 +34,6 @@ std::string signedText(unsigned value) { return std::to_string(static_cast<int32
 
 std::string enabledText(bool enabled) { return enabled ? "enabled" : "disabled"; }
 
-utils::SpinnerArgumentMetaData pinArgument(const std::string& name, const std::string& description,
-                                           double maximum)
-{
-    return {name,
-            description,
-            utils::SpinnerArgumentType::numerical,
-            utils::SpinnerArgumentNumericalLimit{0, maximum, 1},
-            utils::isNumericalString,
-            "0",
-            1};
-}
-
 PinConfig pinConfigFromArguments(const Arguments& arguments)
 {
     PinConfig config;
@@ -158,19 +146,17 @@ void K52CommandRouter::registerRTUCommands()
     const utils::SpinnerMetaData none;
     const utils::SpinnerMetaData integer{{utils::IntegerArgumentMetaData}};
     const utils::SpinnerMetaData pinConfig{{
-        pinArgument("pin", "the desiered io pin", 5),
-        pinArgument("type", "the desiered IO type configuration: 0-npn 1-pnp 2-pupu", 2),
-        pinArgument("function",
-                    "the desiered IO function configuration: 0-Out 1-OutIll 2-In 3-InTrigIm "
-                    "4-InQuadrA 5-InQuadrB",
-                    5),
-        pinArgument("mode", "the desiered IO mode configuration: 0-NO 1-NC", 1),
-        pinArgument("invert", "the desiered IO invert configuration: 0-NO 1-INV", 1),
-        pinArgument("on_delay_time", "the delay to turn the io on", 4294967295.0),
-        pinArgument("off_delay_time", "the delay to turn the io off", 4294967295.0),
-        pinArgument("pulse_time", "the io pulse time", 4294967295.0),
+        utils::numericalArgument("pin", "the desiered io pin", 0, 5, "0"),
+        utils::numericalArgument("type", "the desiered IO type configuration: 0-npn 1-pnp 2-pupu", 0, 2, "0"),
+        utils::numericalArgument("function", "the desiered IO function configuration: 0-Out 1-OutIll 2-In 3-InTrigIm "
+                    "4-InQuadrA 5-InQuadrB", 0, 5, "0"),
+        utils::numericalArgument("mode", "the desiered IO mode configuration: 0-NO 1-NC", 0, 1, "0"),
+        utils::numericalArgument("invert", "the desiered IO invert configuration: 0-NO 1-INV", 0, 1, "0"),
+        utils::numericalArgument("on_delay_time", "the delay to turn the io on", 0, 4294967295.0, "0"),
+        utils::numericalArgument("off_delay_time", "the delay to turn the io off", 0, 4294967295.0, "0"),
+        utils::numericalArgument("pulse_time", "the io pulse time", 0, 4294967295.0, "0"),
     }};
-    const utils::SpinnerMetaData pin{{pinArgument("pin", "the desiered io pin", 5)}};
+    const utils::SpinnerMetaData pin{{utils::numericalArgument("pin", "the desiered io pin", 0, 5, "0")}};
 
     registerRoutes({
         {"GetRTUStatus", "Gets the status of the unit", none,

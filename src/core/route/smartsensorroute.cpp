@@ -27,12 +27,6 @@ uint32_t toLatencyMs(float timeout)
     return timeout >= largest ? std::numeric_limits<uint32_t>::max() : static_cast<uint32_t>(timeout);
 }
 
-utils::SpinnerArgumentMetaData gyroArgument(std::string name, std::string description, double maximum)
-{
-    return {std::move(name), std::move(description), utils::SpinnerArgumentType::numerical,
-            utils::SpinnerArgumentNumericalLimit{0, maximum, 1}, utils::isNumericalString, "", 1};
-}
-
 } // namespace
 
 void K52CommandRouter::registerSmartSensorCommands()
@@ -58,9 +52,9 @@ void K52CommandRouter::registerSmartSensorCommands()
     registerRoutes({
         {"SmartSensorSetGyro",
          "Sets the gyro configuration",
-         {{gyroArgument("gyro", "The gyro configuration(0-disable 1-enable).", 1),
-           gyroArgument("sample_rate", "The sample rate of the gyro.", 1000),
-           gyroArgument("timeout", "The timeout of the gyro.", 10000)}},
+         {{utils::numericalArgument("gyro", "The gyro configuration(0-disable 1-enable).", 0, 1),
+           utils::numericalArgument("sample_rate", "The sample rate of the gyro.", 0, 1000),
+           utils::numericalArgument("timeout", "The timeout of the gyro.", 0, 10000)}},
          setGyro},
     });
 }

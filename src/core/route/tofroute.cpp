@@ -61,15 +61,6 @@ RouteHandler tofRoute(std::shared_ptr<ToFState> state, ToFBody body)
     };
 }
 
-utils::SpinnerArgumentMetaData numericArgument(std::string name, std::string description,
-                                               double minimum, double maximum,
-                                               std::string defaultValue)
-{
-    return {std::move(name), std::move(description), utils::SpinnerArgumentType::numerical,
-            utils::SpinnerArgumentNumericalLimit{minimum, maximum, 1}, utils::isNumericalString,
-            std::move(defaultValue), 1};
-}
-
 int intArgument(const Arguments& arguments) { return std::stoi(arguments.at(0)); }
 unsigned long unsignedArgument(const Arguments& arguments) { return std::stoul(arguments.at(0)); }
 
@@ -166,7 +157,7 @@ void K52CommandRouter::registerToFCommands()
                   return tofReply.ok(tof.enabled ? "ToF is enabled" : "ToF is disabled");
               }),
         route("ToFSetResolution", "Sets the resolution of the ToF sensor.",
-              {numericArgument("resolution", "Resolution index (0- 4x4, 1- 8x8)", 0, 3, "0")},
+              {utils::numericalArgument("resolution", "Resolution index (0- 4x4, 1- 8x8)", 0, 3, "0")},
               [](ToFState& tof, const Arguments& arguments) {
                   // Any index but 0 selects 8x8, so 2 and 3 do too.
                   auto resolution = intArgument(arguments) == 0 ? IOToF::RESOLUTION_4X4
@@ -181,7 +172,7 @@ void K52CommandRouter::registerToFCommands()
                   return tofReply.ok("Resolution: " + resolutionName(resolution));
               }),
         route("ToFSetFrequency", "Sets the frequency of the ToF sensor.",
-              {numericArgument("frequency", "Frequency value (1-60 for 4x4, 1-15 for 8x8)", 1, 60, "1")},
+              {utils::numericalArgument("frequency", "Frequency value (1-60 for 4x4, 1-15 for 8x8)", 1, 60, "1")},
               setFrequency),
         route("ToFGetFrequency", "Gets the frequency of the ToF sensor.", {},
               [](ToFState& tof, const Arguments&) {
@@ -190,7 +181,7 @@ void K52CommandRouter::registerToFCommands()
                   return tofReply.ok("Frequency: " + std::to_string(hertz));
               }),
         route("ToFSetPowerMode", "Sets the power mode of the ToF sensor.",
-              {numericArgument("power_mode", "Power mode index (0 - SLEEP, 1 - WAKEUP)", 0, 1, "0")},
+              {utils::numericalArgument("power_mode", "Power mode index (0 - SLEEP, 1 - WAKEUP)", 0, 1, "0")},
               [](ToFState& tof, const Arguments& arguments) {
                   tof.sensor.set_power_mode(static_cast<IOToF::PowerMode>(intArgument(arguments)));
                   return tofReply.ok("Power mode set successfully");
@@ -203,8 +194,7 @@ void K52CommandRouter::registerToFCommands()
                                      (mode == IOToF::SLEEP ? "SLEEP" : "WAKEUP"));
               }),
         route("ToFSetRangingMode", "Sets the ranging mode of the ToF sensor.",
-              {numericArgument("ranging_mode", "Ranging mode value (1 - CONTINUOUS, 3 - AUTONOMOUS)",
-                               1, 3, "1")},
+              {utils::numericalArgument("ranging_mode", "Ranging mode value (1 - CONTINUOUS, 3 - AUTONOMOUS)", 1, 3, "1")},
               [](ToFState& tof, const Arguments& arguments) {
                   int mode = intArgument(arguments);
                   tof.sensor.set_ranging_mode(static_cast<IOToF::RangingMode>(mode));
@@ -218,8 +208,7 @@ void K52CommandRouter::registerToFCommands()
                   return tofReply.ok("Ranging mode: " + rangingModeName(mode));
               }),
         route("ToFSetIntegrationTime", "Sets the integration time of the ToF sensor.",
-              {numericArgument("integration_time", "Integration time value (in microseconds)", 1,
-                               1000000, "1000")},
+              {utils::numericalArgument("integration_time", "Integration time value (in microseconds)", 1, 1000000, "1000")},
               [](ToFState& tof, const Arguments& arguments) {
                   unsigned long microseconds = unsignedArgument(arguments);
                   tof.sensor.set_integration_time(static_cast<unsigned>(microseconds));
@@ -234,19 +223,19 @@ void K52CommandRouter::registerToFCommands()
                                      " microseconds");
               }),
         route("ToFSetReflectance", "Sets the reflectance percentage for calibration.",
-              {numericArgument("reflectance", "Reflectance percentage (0-100)", 0, 100, "50")},
+              {utils::numericalArgument("reflectance", "Reflectance percentage (0-100)", 0, 100, "50")},
               storeCalibration(&IOToF::set_calibration_reflectance_percent, &ToFState::reflectance,
                                "Reflectance set successfully to ")),
         route("ToFGetReflectance", "Gets the reflectance percentage for calibration.", {},
               reportStored(&ToFState::reflectance, "Reflectance: ")),
         route("ToFSetNumberOfSamples", "Sets the number of samples for calibration.",
-              {numericArgument("number_of_samples", "Number of samples (1-255)", 1, 255, "10")},
+              {utils::numericalArgument("number_of_samples", "Number of samples (1-255)", 1, 255, "10")},
               storeCalibration(&IOToF::set_calibration_nb_samples, &ToFState::samples,
                                "Number of samples set successfully to ")),
         route("ToFGetNumberOfSamples", "Gets the number of samples for calibration.", {},
               reportStored(&ToFState::samples, "Number of samples: ")),
         route("ToFSetObjectDistance", "Sets the object distance for calibration.",
-              {numericArgument("object_distance", "Object distance (in millimeters)", 1, 10000, "1000")},
+              {utils::numericalArgument("object_distance", "Object distance (in millimeters)", 1, 10000, "1000")},
               storeCalibration(&IOToF::set_calibration_distance, &ToFState::objectDistance,
                                "Object distance set successfully to ")),
         route("ToFGetObjectDistance", "Gets the object distance for calibration.", {},
@@ -257,7 +246,7 @@ void K52CommandRouter::registerToFCommands()
                   return tofReply.ok("Cross-talk calibration performed successfully");
               }),
         route("ToFSetMeasurementCount", "Sets the number of measurements for the ToF sensor.",
-              {numericArgument("measurement_count", "Number of measurements (1-1000)", 1, 1000, "1")},
+              {utils::numericalArgument("measurement_count", "Number of measurements (1-1000)", 1, 1000, "1")},
               [](ToFState& tof, const Arguments& arguments) {
                   // Kept for clients only: the sensor has no such setting.
                   unsigned long count = unsignedArgument(arguments);

@@ -19,6 +19,18 @@ std::string toString(SpinnerArgumentType type)
     return "";
 }
 
+SpinnerArgumentMetaData numericalArgument(std::string name, std::string description, double minimum,
+                                          double maximum, std::string defaultValue, int64_t count)
+{
+    return {std::move(name),
+            std::move(description),
+            SpinnerArgumentType::numerical,
+            SpinnerArgumentNumericalLimit{minimum, maximum, 1},
+            isNumericalString,
+            std::move(defaultValue),
+            count};
+}
+
 const SpinnerArgumentMetaData IntegerArgumentMetaData{
     "value",
     "an integer value",

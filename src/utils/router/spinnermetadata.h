@@ -41,4 +41,9 @@ struct SpinnerMetaData {
 // A plain signed 32-bit integer argument of count 1.
 extern const SpinnerArgumentMetaData IntegerArgumentMetaData;
 
+// A numerical argument within [minimum, maximum] in steps of 1, checked by isNumericalString.
+SpinnerArgumentMetaData numericalArgument(std::string name, std::string description, double minimum,
+                                          double maximum, std::string defaultValue = "",
+                                          int64_t count = 1);
+
 } // namespace utils
