@@ -1,4 +1,5 @@
 #include "core/commandrouter.h"
+#include "core/route/deviceroute.h"
 
 #include "core/k52resourcemanager.h"
 #include "utils/base/strings.h"
@@ -13,15 +14,7 @@ namespace {
 using utils::IOAutoFocus;
 using Arguments = std::vector<std::string>;
 // The success text after the route prefix.
-using AutoFocusBody = std::function<std::string(IOAutoFocus&, const Arguments&)>;
-
-RouteHandler autoFocusRoute(K52ResourceManager& resources, RouteReplyBuilder reply, AutoFocusBody body)
-{
-    return [&resources, reply = std::move(reply), body = std::move(body)](const Arguments& arguments) {
-        std::lock_guard lock(resources.getMutex(K52ResourceGroups::AUTOFOCUS));
-        return reply.guard([&] { return reply.ok(body(resources.autoFocus(), arguments)); });
-    };
-}
+using AutoFocusBody = DeviceRouteBody<IOAutoFocus>;
 
 AutoFocusBody reads(std::string label, unsigned (IOAutoFocus::*get)() const)
 {
@@ -56,8 +49,9 @@ void K52CommandRouter::registerAutoFocusCommands()
     // read "OKIOException" and "OKRuntimeError". Clients match on these words.
     auto route = [this](std::string status, std::string name, std::string description,
                         std::vector<utils::SpinnerArgumentMetaData> arguments, AutoFocusBody body) {
-        RouteHandler handler = autoFocusRoute(resources_, RouteReplyBuilder(std::move(status), name + ": "),
-                                              std::move(body));
+        RouteHandler handler =
+            deviceRoute<IOAutoFocus>(resources_, K52ResourceGroups::AUTOFOCUS, &K52ResourceManager::autoFocus,
+                                     RouteReplyBuilder(std::move(status), name + ": "), std::move(body));
         return RouteEntry{std::move(name), std::move(description), {std::move(arguments)},
                           std::move(handler)};
     };

@@ -1,4 +1,5 @@
 #include "core/commandrouter.h"
+#include "core/route/deviceroute.h"
 #include "core/k52resourcemanager.h"
 #include "core/route/sysfsvalue.h"
 #include "utils/io/ioi2crtu.h"
@@ -57,16 +58,10 @@ std::string setAnalogOutputType(const IOI2CRTU& rtu, const Arguments& arguments)
 
 void K52CommandRouter::registerI2CRTUCommands()
 {
-    K52ResourceManager* resources = &resources_;
     // Shares the RTU group with the unit's own routes: both reach the same analog output.
-    auto route = [resources](std::string prefix, RegisterAction action) -> RouteHandler {
-        return [resources, reply = RouteReplyBuilder("Error", std::move(prefix)),
-                action = std::move(action)](const Arguments& arguments) {
-            return reply.guard([&] {
-                std::lock_guard lock(resources->getMutex(K52ResourceGroups::RTU));
-                return reply.ok(action(resources->rtuI2C(), arguments));
-            });
-        };
+    auto route = [this](std::string prefix, RegisterAction action) -> RouteHandler {
+        return deviceRoute<IOI2CRTU>(resources_, K52ResourceGroups::RTU, &K52ResourceManager::rtuI2C,
+                                     RouteReplyBuilder("Error", std::move(prefix)), std::move(action));
     };
     const utils::SpinnerMetaData none;
     const utils::SpinnerMetaData integer{{utils::IntegerArgumentMetaData}};

@@ -1,4 +1,5 @@
 #include "core/commandrouter.h"
+#include "core/route/deviceroute.h"
 
 #include "core/k52resourcemanager.h"
 #include "utils/base/strings.h"
@@ -13,19 +14,7 @@ namespace {
 using utils::IOIllumination;
 using Arguments = std::vector<std::string>;
 // The success text after the route prefix.
-using IlluminationBody = std::function<std::string(IOIllumination&, const Arguments&)>;
-
-// The illumination routes start from "OK", so their failures read "OKIOException" and
-// "OKRuntimeError"; clients match on these words.
-RouteHandler illuminationRoute(K52ResourceManager& resources, const std::string& name,
-                               IlluminationBody body)
-{
-    return [&resources, reply = RouteReplyBuilder("OK", name + ": "),
-            body = std::move(body)](const Arguments& arguments) {
-        std::lock_guard lock(resources.getMutex(K52ResourceGroups::ILLUMINATION));
-        return reply.guard([&] { return reply.ok(body(resources.illumination(), arguments)); });
-    };
-}
+using IlluminationBody = DeviceRouteBody<IOIllumination>;
 
 template <typename Value>
 IlluminationBody reads(std::string label, Value (IOIllumination::*get)() const)
@@ -56,7 +45,11 @@ void K52CommandRouter::registerIlluminationCommands()
 {
     auto route = [this](std::string name, std::string description,
                         std::vector<utils::SpinnerArgumentMetaData> arguments, IlluminationBody body) {
-        RouteHandler handler = illuminationRoute(resources_, name, std::move(body));
+        // These routes start from "OK", so their failures read "OKIOException" and
+        // "OKRuntimeError"; clients match on these words.
+        RouteHandler handler = deviceRoute<IOIllumination>(
+            resources_, K52ResourceGroups::ILLUMINATION, &K52ResourceManager::illumination,
+            RouteReplyBuilder("OK", name + ": "), std::move(body));
         return RouteEntry{std::move(name), std::move(description), {std::move(arguments)},
                           std::move(handler)};
     };

@@ -1,4 +1,5 @@
 #include "core/commandrouter.h"
+#include "core/route/deviceroute.h"
 #include "core/k52resourcemanager.h"
 #include "core/route/sysfsvalue.h"
 #include "utils/base/exceptions.h"
@@ -132,16 +133,10 @@ std::string setAnalogOutputType(const IORTU& rtu, const Arguments& arguments)
 
 void K52CommandRouter::registerRTUCommands()
 {
-    K52ResourceManager* resources = &resources_;
     // Every RTU route holds the RTU group for its whole run and answers after its prefix.
-    auto route = [resources](std::string prefix, RTUAction action) -> RouteHandler {
-        return [resources, reply = RouteReplyBuilder("Error", std::move(prefix)),
-                action = std::move(action)](const Arguments& arguments) {
-            return reply.guard([&] {
-                std::lock_guard lock(resources->getMutex(K52ResourceGroups::RTU));
-                return reply.ok(action(resources->rtu(), arguments));
-            });
-        };
+    auto route = [this](std::string prefix, RTUAction action) -> RouteHandler {
+        return deviceRoute<IORTU>(resources_, K52ResourceGroups::RTU, &K52ResourceManager::rtu,
+                                  RouteReplyBuilder("Error", std::move(prefix)), std::move(action));
     };
     const utils::SpinnerMetaData none;
     const utils::SpinnerMetaData integer{{utils::IntegerArgumentMetaData}};
