@@ -108,7 +108,9 @@ void DaemonProcess::start(const std::vector<std::string>& launcher,
     };
     for (char** e = environ; *e; ++e) {
         std::string entry = *e;
-        if (entry.rfind("LD_PRELOAD=", 0) != 0 && entry.rfind("ASAN_OPTIONS=", 0) != 0)
+        bool ours = entry.rfind("LD_PRELOAD=", 0) == 0 || entry.rfind("ASAN_OPTIONS=", 0) == 0 ||
+                    entry.rfind("TSAN_OPTIONS=", 0) == 0;
+        if (!ours)
             environment.push_back(entry);
     }
     std::vector<char*> argv, envp;
