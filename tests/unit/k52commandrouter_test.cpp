@@ -1,4 +1,5 @@
 #include "support/routerharness.h"
+#include "support/syslogcapture.h"
 #include "utils/base/strings.h"
 
 #include <gtest/gtest.h>
@@ -37,6 +38,44 @@ const utils::SpinnerMetaData testArguments{{
     {"odd", "an argument of an unknown type", static_cast<SpinnerArgumentType>(0), std::monostate{}, {}, "", 2},
     {"rank", "ordinal one", SpinnerArgumentType::ordinal, std::monostate{}, {}, "", 1},
 }};
+
+TEST(K52CommandRouter, EveryRouteIsRegisteredInFamilyOrderWithItsHelp)
+{
+    k52test::SyslogCapture capture;
+    k52test::RouterHarness h;
+    EXPECT_EQ(h.router->routes().size(), 119u);
+
+    const std::vector<std::string> expectedLines = {
+        "Registring K52 Routes... ", "\t* Container Routes... ", "\t* Static-Frame Routes... ",
+        "\t* V4L2 Routes", "\t* IMX Routes", "\t* RTU Routes", "\t* AF Routes",
+        "\t* Illumination Routes", "\t* I2C Routes", "\t* I2C-RTU Routes", "\t* SmartSensor Routes",
+        "\t* ToF Routes", "\t* CPU-info Routes", "\t* GPIO Routes", "\t* Middleware/Capture",
+        "Registered K52 Routes."};
+    std::vector<std::string> lines;
+    for (const auto& record : capture.records()) {
+        if (record.text.find(":registerK52Commands] ") == std::string::npos)
+            continue;
+        EXPECT_NE(record.text.find("[src/core/commandrouter.cpp:"), std::string::npos) << record.text;
+        std::string line = record.text.substr(record.text.find("] ") + 2);
+        lines.push_back(line.substr(0, line.size() - 1));
+    }
+    EXPECT_EQ(lines, expectedLines);
+
+    tinyxml2::XMLDocument document;
+    readXmlContainer(h, document);
+    auto* settings = child(document.RootElement(), "settings");
+    ASSERT_TRUE(settings);
+    size_t withHelp = 0;
+    for (const auto& [name, route] : h.router->routes()) {
+        auto* element = child(settings, name.c_str());
+        ASSERT_TRUE(element) << name;
+        EXPECT_EQ(text(child(element, "help")), route.description) << name;
+        withHelp += 1;
+        for (const auto& argument : route.metadata.arguments)
+            EXPECT_TRUE(child(child(element, "parameter"), argument.name.c_str())) << name << " " << argument.name;
+    }
+    EXPECT_EQ(withHelp, 119u);
+}
 
 TEST(K52CommandRouter, RegisterRouteWritesTheHelpTreeIntoTheContainer)
 {
