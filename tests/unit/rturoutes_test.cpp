@@ -3,7 +3,6 @@
 #include "utils/platform/emulated/textfile.h"
 
 #include <gtest/gtest.h>
-#include <tinyxml2.h>
 
 #include <stdexcept>
 #include <string>
@@ -33,6 +32,13 @@ void expectExchanges(RouterHarness& h, const std::vector<Exchange>& exchanges)
         EXPECT_EQ(status, e.status);
         EXPECT_EQ(message, e.message);
     }
+}
+
+void expectGroupFree(RouterHarness& h)
+{
+    auto& rtuGroup = h.resources->getMutex(k52app::K52ResourceGroups::RTU);
+    ASSERT_TRUE(rtuGroup.try_lock());
+    rtuGroup.unlock();
 }
 
 std::string lineText(RouterHarness& h, const char* path)
@@ -162,9 +168,7 @@ TEST(RTURoutes, RangeChecksOfTriggerModeAndDeviceState)
     }
     // Refused before the unit: the state stays, and the group is free again.
     expectExchanges(h, {{"GetRTUDeviceState", "OK", "GetDeviceState: Device state: 6"}});
-    auto& rtuGroup = h.resources->getMutex(k52app::K52ResourceGroups::RTU);
-    ASSERT_TRUE(rtuGroup.try_lock());
-    rtuGroup.unlock();
+    expectGroupFree(h);
 }
 
 // Bad argument lists are not replies: the exceptions leave the handler for the worker.
@@ -181,21 +185,15 @@ TEST(RTURoutes, MissingAndMalformedArgumentsLeaveTheHandler)
     EXPECT_THROW(h.run("SetRTUFPS fast"), utils::UtilsRuntimeError);
     EXPECT_THROW(h.run("GetRTUIOConfig x"), utils::UtilsRuntimeError);
 
-    auto& rtuGroup = h.resources->getMutex(k52app::K52ResourceGroups::RTU);
-    ASSERT_TRUE(rtuGroup.try_lock());
-    rtuGroup.unlock();
+    expectGroupFree(h);
 }
 
 TEST(RTURoutes, DeviceFailuresBecomeIOExceptionRepliesAfterThePrefix)
 {
     RouterHarness h;
     h.board().faults().inject(rtuNode, Fault::ioError);
-    struct Case {
-        const char* command;
-        const char* prefix;
-    };
     // One route of each shape; they all share the same frame.
-    const Case cases[] = {
+    const std::pair<const char*, const char*> cases[] = {
         {"GetRTURevision", "GetRTURevision: "},
         {"SetRTUIOConfig 1 0 0 0 0 0 0 0", "SetRTUIOConfig: "},
         {"SetRTUIOValue 1 1", "SetRTUIOValue: "},
@@ -207,11 +205,11 @@ TEST(RTURoutes, DeviceFailuresBecomeIOExceptionRepliesAfterThePrefix)
         {"GetRTUExposureOffset", "GetExposureOffset: "},
         {"RTUGetInternalTemperature", "InternalTemperature: "},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.command);
-        auto [status, message] = h.run(c.command);
+    for (const auto& [command, prefix] : cases) {
+        SCOPED_TRACE(command);
+        auto [status, message] = h.run(command);
         EXPECT_EQ(status, "ErrorIOException");
-        EXPECT_EQ(message.rfind(c.prefix, 0), 0u) << message;
+        EXPECT_EQ(message.rfind(prefix, 0), 0u) << message;
         EXPECT_NE(message.find(rtuNode), std::string::npos) << message; // the driver's text
     }
     // A pin the unit does not have is the driver's I/O error as well.
@@ -248,81 +246,30 @@ TEST(RTURoutes, AnalogOutputLinesFollowTheUnitOnTheBoard)
 TEST(RTURoutes, LineFailuresAndWhatTheUnitKeeps)
 {
     struct Case {
-        Fault fault;
         const char* line;
-        const char* command;
-        const char* message;
+        const char* route;
         const char* readBack;
         const char* unitAfter;
     };
     const Case cases[] = {
-        {Fault::openFails, enableLine, "SetRTUAnalogOutputState 1",
-         "SetRTUAnalogOutputState: Failed to open /sys/class/gpio/gpio431/value for writing",
-         "GetRTUAnalogOutputState", "GetRTUAnalogOutputState: RTU Analog Output State: enabled"},
-        {Fault::ioError, enableLine, "SetRTUAnalogOutputState 1",
-         "SetRTUAnalogOutputState: Failed to write to /sys/class/gpio/gpio431/value",
-         "GetRTUAnalogOutputState", "GetRTUAnalogOutputState: RTU Analog Output State: enabled"},
-        {Fault::openFails, typeLine, "SetRTUAnalogOutputType 1",
-         "SetRTUAnalogOutputType: Failed to open /sys/class/gpio/gpio479/value for writing",
-         "GetRTUAnalogOutputType", "GetRTUAnalogOutputType: RTU Analog Output Type: current"},
-        {Fault::ioError, typeLine, "SetRTUAnalogOutputType 1",
-         "SetRTUAnalogOutputType: Failed to write to /sys/class/gpio/gpio479/value",
-         "GetRTUAnalogOutputType", "GetRTUAnalogOutputType: RTU Analog Output Type: current"},
+        {enableLine, "SetRTUAnalogOutputState", "GetRTUAnalogOutputState",
+         "GetRTUAnalogOutputState: RTU Analog Output State: enabled"},
+        {typeLine, "SetRTUAnalogOutputType", "GetRTUAnalogOutputType",
+         "GetRTUAnalogOutputType: RTU Analog Output Type: current"},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.message);
-        RouterHarness h;
-        h.board().faults().inject(c.line, c.fault);
-        expectExchanges(h, {{c.command, "ErrorIOException", c.message}});
-        h.board().faults().clear(c.line);
-        expectExchanges(h, {{c.readBack, "OK", c.unitAfter}});
+        for (Fault fault : {Fault::openFails, Fault::ioError}) {
+            const std::string message = std::string(c.route) + ": " +
+                (fault == Fault::openFails ? std::string("Failed to open ") + c.line + " for writing"
+                                           : std::string("Failed to write to ") + c.line);
+            SCOPED_TRACE(message);
+            RouterHarness h;
+            h.board().faults().inject(c.line, fault);
+            expectExchanges(h, {{(std::string(c.route) + " 1").c_str(), "ErrorIOException", message.c_str()}});
+            h.board().faults().clear(c.line);
+            expectExchanges(h, {{c.readBack, "OK", c.unitAfter}});
+        }
     }
-}
-
-TEST(RTURoutes, HelpIsPublishedInTheXmlContainer)
-{
-    RouterHarness h;
-    tinyxml2::XMLDocument document;
-    ASSERT_EQ(document.Parse(h.resources->containers().xmlBlock().text), tinyxml2::XML_SUCCESS);
-    auto* settings = document.FirstChildElement("device")->FirstChildElement("settings");
-    ASSERT_NE(settings, nullptr);
-
-    auto* status = settings->FirstChildElement("GetRTUStatus");
-    ASSERT_NE(status, nullptr);
-    EXPECT_STREQ(status->FirstChildElement("help")->GetText(), "Gets the status of the unit");
-    EXPECT_EQ(status->FirstChildElement("parameter"), nullptr);
-
-    auto* config = settings->FirstChildElement("SetRTUIOConfig");
-    ASSERT_NE(config, nullptr);
-    EXPECT_STREQ(config->FirstChildElement("help")->GetText(), "Sets the RTU config");
-    struct Parameter {
-        const char* name;
-        const char* description;
-    };
-    const Parameter parameters[] = {
-        {"pin", "the desiered io pin"},
-        {"type", "the desiered IO type configuration: 0-npn 1-pnp 2-pupu"},
-        {"function", "the desiered IO function configuration: 0-Out 1-OutIll 2-In 3-InTrigIm "
-                     "4-InQuadrA 5-InQuadrB"},
-        {"mode", "the desiered IO mode configuration: 0-NO 1-NC"},
-        {"invert", "the desiered IO invert configuration: 0-NO 1-INV"},
-        {"on_delay_time", "the delay to turn the io on"},
-        {"off_delay_time", "the delay to turn the io off"},
-        {"pulse_time", "the io pulse time"},
-    };
-    for (const auto& p : parameters) {
-        SCOPED_TRACE(p.name);
-        auto* element = config->FirstChildElement("parameter")->FirstChildElement(p.name);
-        ASSERT_NE(element, nullptr);
-        EXPECT_STREQ(element->FirstChildElement("description")->GetText(), p.description);
-        EXPECT_STREQ(element->FirstChildElement("type")->GetText(), "numerical");
-        EXPECT_STREQ(element->FirstChildElement("count")->GetText(), "1");
-    }
-
-    auto* mode = settings->FirstChildElement("SetRTUTriggerMode");
-    ASSERT_NE(mode, nullptr);
-    EXPECT_STREQ(mode->FirstChildElement("help")->GetText(), "Sets the trigger mode of the RTU");
-    EXPECT_NE(mode->FirstChildElement("parameter"), nullptr);
 }
 
 } // namespace
