@@ -126,29 +126,26 @@ TEST(I2CRTURoutes, StateAndTypeWriteTheirActiveLowLines)
 TEST(I2CRTURoutes, LineFailuresAndWhatTheRegistersKeep)
 {
     struct Case {
-        Fault fault;
         const char* line;
-        const char* command;
-        const char* message;
+        const char* route;
         uint8_t reg;
         unsigned short registerAfter;
     };
     const Case cases[] = {
-        {Fault::openFails, enableLine, "SetI2CRTUAnalogOutputState 1",
-         "SetI2CRTUAnalogOutputState: Failed to open /sys/class/gpio/gpio431/value for writing", 14, 0x1000},
-        {Fault::ioError, enableLine, "SetI2CRTUAnalogOutputState 1",
-         "SetI2CRTUAnalogOutputState: Failed to write to /sys/class/gpio/gpio431/value", 14, 0x1000},
-        {Fault::openFails, typeLine, "SetI2CRTUAnalogOutputType 1",
-         "SetI2CRTUAnalogOutputType: Failed to open /sys/class/gpio/gpio479/value for writing", 15, 0},
-        {Fault::ioError, typeLine, "SetI2CRTUAnalogOutputType 1",
-         "SetI2CRTUAnalogOutputType: Failed to write to /sys/class/gpio/gpio479/value", 15, 0},
+        {enableLine, "SetI2CRTUAnalogOutputState", 14, 0x1000},
+        {typeLine, "SetI2CRTUAnalogOutputType", 15, 0},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.message);
-        RouterHarness h;
-        h.board().faults().inject(c.line, c.fault);
-        expectExchanges(h, {{c.command, "ErrorIOException", c.message}});
-        EXPECT_EQ(rtuRegister(c.reg), c.registerAfter);
+        for (Fault fault : {Fault::openFails, Fault::ioError}) {
+            const std::string message = std::string(c.route) + ": " +
+                (fault == Fault::openFails ? std::string("Failed to open ") + c.line + " for writing"
+                                           : std::string("Failed to write to ") + c.line);
+            SCOPED_TRACE(message);
+            RouterHarness h;
+            h.board().faults().inject(c.line, fault);
+            expectExchanges(h, {{(std::string(c.route) + " 1").c_str(), "ErrorIOException", message.c_str()}});
+            EXPECT_EQ(rtuRegister(c.reg), c.registerAfter);
+        }
     }
 }
 
@@ -156,21 +153,14 @@ TEST(I2CRTURoutes, BusFailuresBecomeIOExceptionRepliesAfterThePrefix)
 {
     RouterHarness h;
     h.board().faults().inject(rtuBus, Fault::ioError);
-    const char* commands[] = {
-        "SetI2CRTUAnalogOutputState 1",    "GetI2CRTUAnalogOutputState",
-        "SetI2CRTUAnalogOutputType 1",     "GetI2CRTUAnalogOutputType",
-        "SetI2CRTUAnalogOutputVoltage 1",  "GetI2CRTUAnalogOutputVoltage",
-        "SetI2CRTUAnalogOutputCurrent 1",  "GetI2CRTUAnalogOutputCurrent",
-        "SetI2CRTUAnalogOutputPWMPeriod 1", "GetI2CRTUAnalogOutputPWMPeriod",
-        "SetI2CRTUAnalogOutputPWMDuty 1",  "GetI2CRTUAnalogOutputPWMDuty",
-    };
-    for (const std::string command : commands) {
-        SCOPED_TRACE(command);
-        const std::string prefix = command.substr(0, command.find(' ')) + ": ";
-        auto [status, message] = h.run(command);
-        EXPECT_EQ(status, "ErrorIOException");
-        EXPECT_EQ(message.rfind(prefix, 0), 0u) << message;
-        EXPECT_NE(message.find(rtuBus), std::string::npos) << message; // the driver's text
+    for (const std::string quantity : {"State", "Type", "Voltage", "Current", "PWMPeriod", "PWMDuty"}) {
+        for (const std::string route : {"SetI2CRTUAnalogOutput" + quantity, "GetI2CRTUAnalogOutput" + quantity}) {
+            SCOPED_TRACE(route);
+            auto [status, message] = h.run(route[0] == 'S' ? route + " 1" : route);
+            EXPECT_EQ(status, "ErrorIOException");
+            EXPECT_EQ(message.rfind(route + ": ", 0), 0u) << message;
+            EXPECT_NE(message.find(rtuBus), std::string::npos) << message; // the driver's text
+        }
     }
 }
 
