@@ -59,8 +59,6 @@ TEST(IlluminationRoutes, RepliesAndModuleState)
         {"GetIlluStatus", "OK", "GetIlluStatus: Current Status: 2"},
         {"SetIlluMode", "OK", "SetIlluMode: "},
         {"GetIlluMode", "OK", "GetIlluMode: Mode: 0"},
-        {"SetIlluSegments 15", "OK", "SetIlluSegments: "},
-        {"GetIlluSegments", "OK", "GetIlluSegments: Segments: 15"},
         {"GetIlluWhiteBrightness extra words", "OK", "GetIlluWhiteBrightness: Brightness: 40"},
     });
 }
