@@ -8,6 +8,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <stdexcept>
+#include <tuple>
 
 namespace {
 
@@ -197,10 +198,8 @@ TEST(V4L2Routes, CropRoutesAndTheDefaultCrop)
         EXPECT_EQ(status, "OK");
         EXPECT_EQ(message, c.message);
         const v4l2_rect crop = deviceCrop();
-        EXPECT_EQ(crop.left, c.expected.left);
-        EXPECT_EQ(crop.top, c.expected.top);
-        EXPECT_EQ(crop.width, c.expected.width);
-        EXPECT_EQ(crop.height, c.expected.height);
+        EXPECT_EQ(std::tie(crop.left, crop.top, crop.width, crop.height),
+                  std::tie(c.expected.left, c.expected.top, c.expected.width, c.expected.height));
     }
 }
 
