@@ -5,7 +5,6 @@
 #include "utils/platform/emulated/textfile.h"
 #include "utils/platform/kernel.h"
 
-#include <dirent.h>
 #include <sys/stat.h>
 #include <syslog.h>
 
@@ -18,15 +17,14 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <optional>
 #include <set>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 using k52app::ContainerManager;
 using k52app::K52Container;
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -53,25 +51,30 @@ uint32_t zlibChecksum(const std::vector<unsigned char>& bytes)
     return static_cast<uint32_t>(crc32(0, bytes.data(), static_cast<uInt>(bytes.size() - 4)));
 }
 
-bool exists(const std::string& path)
+bool allZero(const unsigned char* begin, const unsigned char* end)
 {
-    struct stat info;
-    return ::lstat(path.c_str(), &info) == 0;
+    return std::all_of(begin, end, [](unsigned char b) { return b == 0; });
 }
+
+bool exists(const std::string& path) { return fs::exists(fs::symlink_status(path)); }
 
 std::set<std::string> entries(const std::string& directory)
 {
     std::set<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(directory))
+    for (const auto& entry : fs::directory_iterator(directory))
         names.insert(entry.path().filename().string());
     return names;
 }
 
 std::size_t openDescriptors()
 {
-    return static_cast<std::size_t>(
-        std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
-                      std::filesystem::directory_iterator()));
+    return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+}
+
+mode_t modeOf(const std::string& path)
+{
+    struct stat info;
+    return ::stat(path.c_str(), &info) == 0 ? info.st_mode : 0;
 }
 
 // Every record's text after the "[file:line:function] " prefix, with its severity.
@@ -123,61 +126,47 @@ private:
     std::shared_ptr<utils::platform::Kernel> previousKernel_;
 };
 
-TEST_F(ContainerManagerTest, FilesHaveTheirSizeModeAndHeaders)
+// Stale, larger, writable files from an earlier run are replaced, not reused.
+TEST_F(ContainerManagerTest, FilesHaveTheirSizeModeHeadersAndFactoryDocument)
 {
-    ContainerManager manager(prefix());
-    struct Word {
-        std::size_t offset;
-        uint32_t value;
-    };
-    struct Case {
-        std::string path;
-        std::size_t size;
-        std::vector<Word> words;
-    };
-    const Case cases[] = {
-        {xmlPath(), xmlSize, {{0, 0x0510FFFF}, {4, 229376}, {8, 0x052A0201}, {12, 229364}}},
-        {generalPath(),
-         generalSize,
-         {{0, 0x0510FFFF},
-          {4, 50333896},
-          {8, 0x0510F000},
-          {12, 2144},
-          {2152, 0x0510F001},
-          {2156, 64},
-          {2216, 0x051A0801},
-          {2220, 20},
-          {2236, 0x051A0601},
-          {2240, 50331656}}},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.path);
-        struct stat info;
-        ASSERT_EQ(::stat(c.path.c_str(), &info), 0);
-        EXPECT_TRUE(S_ISREG(info.st_mode));
-        EXPECT_EQ(info.st_mode & 07777, 0444u);
-        EXPECT_EQ(static_cast<std::size_t>(info.st_size), c.size);
-        const auto bytes = readFile(c.path);
-        ASSERT_EQ(bytes.size(), c.size);
-        for (const auto& word : c.words)
-            EXPECT_EQ(wordAt(bytes, word.offset), word.value) << "offset " << word.offset;
-        EXPECT_EQ(wordAt(bytes, c.size - 4), zlibChecksum(bytes)) << "checksum";
+    for (const auto& path : {xmlPath(), generalPath()}) {
+        dir.writeFile(fs::path(path).filename(), std::string(xmlSize + 4096, '\xAB'));
+        ::chmod(path.c_str(), 0644);
     }
-}
-
-TEST_F(ContainerManagerTest, XmlDocumentHoldsTheFactoryElements)
-{
     const auto before = std::chrono::system_clock::now();
     ContainerManager manager(prefix());
     const auto after = std::chrono::system_clock::now();
+    struct Case {
+        std::string path;
+        std::size_t size;
+        std::vector<std::pair<std::size_t, uint32_t>> words; // offset, value
+    };
+    const Case cases[] = {
+        {xmlPath(), xmlSize, {{0, 0x0510FFFF}, {4, 229376}, {8, 0x052A0201}, {12, 229364}}},
+        {generalPath(), generalSize,
+         {{0, 0x0510FFFF}, {4, 50333896}, {8, 0x0510F000}, {12, 2144}, {2152, 0x0510F001},
+          {2156, 64}, {2216, 0x051A0801}, {2220, 20}, {2236, 0x051A0601}, {2240, 50331656}}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.path);
+        EXPECT_EQ(modeOf(c.path), S_IFREG | 0444u);
+        const auto bytes = readFile(c.path);
+        ASSERT_EQ(bytes.size(), c.size);
+        for (const auto& [offset, value] : c.words)
+            EXPECT_EQ(wordAt(bytes, offset), value) << "offset " << offset;
+        EXPECT_EQ(wordAt(bytes, c.size - 4), zlibChecksum(bytes)) << "checksum";
+    }
+    // Apart from the four sub-container headers, the payloads are zero.
+    const auto general = readFile(generalPath());
+    for (const auto& [begin, end] : {std::pair<std::size_t, std::size_t>{16, 2152},
+                                     {2160, 2216}, {2224, 2236}, {2244, generalSize - 4}})
+        EXPECT_TRUE(allZero(general.data() + begin, general.data() + end)) << begin;
 
     const auto bytes = readFile(xmlPath());
     const char* text = reinterpret_cast<const char*>(bytes.data() + 16);
     const std::size_t length = strnlen(text, 229356);
     ASSERT_LT(length, 229356u);
-    EXPECT_TRUE(std::all_of(bytes.begin() + 16 + length, bytes.end() - 4,
-                            [](unsigned char b) { return b == 0; }));
-
+    EXPECT_TRUE(allZero(bytes.data() + 16 + length, bytes.data() + bytes.size() - 4));
     tinyxml2::XMLDocument document;
     ASSERT_EQ(document.Parse(text), tinyxml2::XML_SUCCESS);
     auto* root = document.RootElement();
@@ -185,27 +174,20 @@ TEST_F(ContainerManagerTest, XmlDocumentHoldsTheFactoryElements)
     auto* factory = root->FirstChildElement();
     ASSERT_STREQ(factory->Name(), "factory");
     EXPECT_EQ(factory->NextSiblingElement(), nullptr);
-
     std::vector<std::pair<std::string, std::string>> elements;
     for (auto* e = factory->FirstChildElement(); e; e = e->NextSiblingElement())
         elements.emplace_back(e->Name(), e->GetText() ? e->GetText() : "");
     ASSERT_EQ(elements.size(), 7u);
-    const std::vector<std::pair<std::string, std::string>> fixed = {
-        {"name", "k52app"}, {"version", "1.3.1"}, {"hardware", hardware}, {"chipid", serial}};
-    EXPECT_EQ(std::vector(elements.begin(), elements.begin() + 4), fixed);
-    EXPECT_EQ(elements[4].first, "start-time");
-    EXPECT_EQ(elements[5].first, "curent-time");
-    EXPECT_EQ(elements[6], std::make_pair(std::string("brief"),
-                                          std::string("High performance hardware-proxy.")));
-
-    EXPECT_EQ(elements[4].second, elements[5].second);
-    const auto nanoseconds = [](auto time) {
-        return std::chrono::duration_cast<std::chrono::nanoseconds>(time.time_since_epoch())
-            .count();
+    const std::string start = elements[4].second; // both times are the moment of construction
+    const std::vector<std::pair<std::string, std::string>> expected = {
+        {"name", "k52app"}, {"version", "1.3.1"},     {"hardware", hardware},    {"chipid", serial},
+        {"start-time", start}, {"curent-time", start}, {"brief", "High performance hardware-proxy."}};
+    EXPECT_EQ(elements, expected);
+    const auto ns = [](auto t) {
+        return std::chrono::duration_cast<std::chrono::nanoseconds>(t.time_since_epoch()).count();
     };
-    const long long startTime = std::stoll(elements[4].second);
-    EXPECT_GE(startTime, nanoseconds(before));
-    EXPECT_LE(startTime, nanoseconds(after));
+    EXPECT_GE(std::stoll(start), ns(before));
+    EXPECT_LE(std::stoll(start), ns(after));
 }
 
 TEST_F(ContainerManagerTest, WritesThroughAccessorsLandAtTheirOffsetsAndAreChecksummed)
@@ -220,18 +202,15 @@ TEST_F(ContainerManagerTest, WritesThroughAccessorsLandAtTheirOffsetsAndAreCheck
     std::memcpy(manager.xmlBlock().text, "<device/>", 9);
     const uint32_t xml = manager.updateChecksum(K52Container::XML);
 
-    const auto generalBytes = readFile(generalPath());
-    EXPECT_EQ(generalBytes[16], 0x11);
-    EXPECT_EQ(generalBytes[2160], 0x22);
-    EXPECT_EQ(wordAt(generalBytes, 2224), 640u);
-    EXPECT_EQ(wordAt(generalBytes, 2232), 0x56595559u);
-    EXPECT_EQ(generalBytes[2244 + 12345], 0x33);
-    EXPECT_EQ(general, zlibChecksum(generalBytes));
-    EXPECT_EQ(wordAt(generalBytes, generalSize - 4), general);
-    const auto xmlBytes = readFile(xmlPath());
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(xmlBytes.data() + 16), 9), "<device/>");
-    EXPECT_EQ(xml, zlibChecksum(xmlBytes));
-    EXPECT_EQ(wordAt(xmlBytes, xmlSize - 4), xml);
+    const auto g = readFile(generalPath());
+    EXPECT_EQ(std::vector<uint32_t>({g[16], g[2160], wordAt(g, 2224), wordAt(g, 2232), g[2244 + 12345]}),
+              std::vector<uint32_t>({0x11, 0x22, 640, 0x56595559, 0x33}));
+    EXPECT_EQ(general, zlibChecksum(g));
+    EXPECT_EQ(wordAt(g, generalSize - 4), general);
+    const auto x = readFile(xmlPath());
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(x.data() + 16), 9), "<device/>");
+    EXPECT_EQ(xml, zlibChecksum(x));
+    EXPECT_EQ(wordAt(x, xmlSize - 4), xml);
 }
 
 TEST_F(ContainerManagerTest, LogsEachStepOfLifeExactly)
@@ -273,8 +252,7 @@ TEST_F(ContainerManagerTest, CleanUpRemovesBothFilesAndOpenRecreatesThem)
         ContainerManager manager(prefix());
         EXPECT_EQ(openDescriptors(), descriptorsBefore + 2);
         manager.close();
-        EXPECT_FALSE(exists(xmlPath()));
-        EXPECT_FALSE(exists(generalPath()));
+        EXPECT_EQ(entries(dir.path()), std::set<std::string>{});
         EXPECT_EQ(openDescriptors(), descriptorsBefore);
         EXPECT_THROW(manager.xmlBlock(), std::logic_error);
         EXPECT_THROW(manager.generalContainer(), std::logic_error);
@@ -283,8 +261,7 @@ TEST_F(ContainerManagerTest, CleanUpRemovesBothFilesAndOpenRecreatesThem)
         EXPECT_EQ(readFile(xmlPath()).size(), xmlSize);
         EXPECT_EQ(readFile(generalPath()).size(), generalSize);
     }
-    EXPECT_FALSE(exists(xmlPath()));
-    EXPECT_FALSE(exists(generalPath()));
+    EXPECT_EQ(entries(dir.path()), std::set<std::string>{});
     EXPECT_EQ(openDescriptors(), descriptorsBefore);
 }
 
@@ -324,36 +301,30 @@ TEST_F(ContainerManagerTest, PrefixIsJoinedAsItStandsAndDirectoriesAreCreated)
         ContainerManager manager(c.prefix);
         EXPECT_EQ(manager.getPath(K52Container::XML), c.xmlPath);
         EXPECT_TRUE(exists(c.xmlPath));
-        for (const auto& directory : c.createdDirectories) {
-            struct stat info;
-            ASSERT_EQ(::stat(directory.c_str(), &info), 0) << directory;
-            EXPECT_TRUE(S_ISDIR(info.st_mode)) << directory;
-            EXPECT_EQ(info.st_mode & 07777, 0755u) << directory;
-        }
+        for (const auto& directory : c.createdDirectories)
+            EXPECT_EQ(modeOf(directory), S_IFDIR | 0755u) << directory;
     }
 }
 
 TEST_F(ContainerManagerTest, FailedConstructionLeavesNothingBehind)
 {
     struct Case {
-        std::string name;
         std::string prefix;
-        std::string blocker; // a path made into an obstacle before construction
-        bool blockerIsDirectory;
+        std::string obstacle; // made before construction: a file, or a directory when it ends in '/'
         std::string message;
     };
     const Case cases[] = {
-        {"directory under a file", dir.path() + "/blocker/sub/", dir.file("blocker"), false,
+        {dir.path() + "/blocker/sub/", dir.file("blocker"),
          "Failed to create directory: " + dir.path() + "/blocker/sub - Not a directory"},
-        {"general file is a directory", prefix(), dir.file("k52generalContainer/keep"), true,
+        {prefix(), generalPath() + "/keep/",
          "Failed to open file: " + dir.path() + "/k52generalContainer"},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        if (c.blockerIsDirectory)
-            std::filesystem::create_directories(c.blocker);
+        SCOPED_TRACE(c.message);
+        if (c.obstacle.back() == '/')
+            fs::create_directories(c.obstacle);
         else
-            dir.writeFile("blocker", "not a directory");
+            dir.writeFile(fs::path(c.obstacle).filename(), "not a directory");
         const auto before = entries(dir.path());
         const std::size_t descriptorsBefore = openDescriptors();
         try {
@@ -364,39 +335,7 @@ TEST_F(ContainerManagerTest, FailedConstructionLeavesNothingBehind)
         }
         EXPECT_EQ(entries(dir.path()), before);
         EXPECT_EQ(openDescriptors(), descriptorsBefore);
-        std::filesystem::remove_all(c.blockerIsDirectory ? dir.file("k52generalContainer")
-                                                         : c.blocker);
-    }
-}
-
-TEST_F(ContainerManagerTest, StaleFilesAreReplaced)
-{
-    for (const auto& path : {xmlPath(), generalPath()}) {
-        dir.writeFile(std::filesystem::path(path).filename(), std::string(xmlSize + 4096, '\xAB'));
-        ::chmod(path.c_str(), 0644);
-    }
-    ContainerManager manager(prefix());
-
-    const auto xml = readFile(xmlPath());
-    ASSERT_EQ(xml.size(), xmlSize);
-    const auto documentEnd = 16 + strnlen(reinterpret_cast<const char*>(xml.data() + 16), 229356);
-    EXPECT_TRUE(std::all_of(xml.begin() + documentEnd, xml.end() - 4,
-                            [](unsigned char b) { return b == 0; }));
-
-    const auto general = readFile(generalPath());
-    ASSERT_EQ(general.size(), generalSize);
-    // Apart from the four sub-container headers, the payloads are zero.
-    const std::pair<std::size_t, std::size_t> payloads[] = {
-        {16, 2152}, {2160, 2216}, {2224, 2236}, {2244, generalSize - 4}};
-    for (const auto& [begin, end] : payloads) {
-        EXPECT_TRUE(std::all_of(general.begin() + begin, general.begin() + end,
-                                [](unsigned char b) { return b == 0; }))
-            << begin;
-    }
-    for (const auto& path : {xmlPath(), generalPath()}) {
-        struct stat info;
-        ASSERT_EQ(::stat(path.c_str(), &info), 0);
-        EXPECT_EQ(info.st_mode & 07777, 0444u);
+        fs::remove_all(fs::path(dir.path()) / *fs::relative(c.obstacle, dir.path()).begin());
     }
 }
 
