@@ -43,33 +43,24 @@ Handle create(std::vector<std::string> words)
     return Handle(ConfigParser_create(arguments.argc(), arguments.argv()));
 }
 
-TEST(ConfigParserC, GetReturnsValuesFromFileAndCommandLine)
+// Values come from the file and the command line. A missing key is inserted empty, and an
+// existing key is never replaced by a file, so a key read before a reload keeps its empty value
+// while a key never read takes the file's.
+TEST(ConfigParserC, GetReturnsValuesAndInsertsMissingKeysBeforeAReload)
 {
     TempDir dir("k52config-c");
-    auto conf = dir.writeFile("a.conf", "image-sensor-path=/dev/imx7\nsocket-ctrl = 4460\n");
-    auto handle = create({"k52app", "-c", conf, "-C", "capture"});
+    auto first = dir.writeFile("first.conf", "image-sensor-path=/dev/imx7\nsocket-ctrl = 4460\n");
+    auto second = dir.writeFile("second.conf", "read-before=file\nnever-read=file\n");
+    auto handle = create({"k52app", "-c", first, "-C", "capture"});
     ASSERT_NE(handle, nullptr);
-
-    EXPECT_STREQ(ConfigParser_get(handle.get(), "config"), conf.c_str());
+    EXPECT_STREQ(ConfigParser_get(handle.get(), "config"), first.c_str());
     EXPECT_STREQ(ConfigParser_get(handle.get(), "command"), "capture");
     EXPECT_STREQ(ConfigParser_get(handle.get(), "socket-ctrl"), "4460");
     EXPECT_STREQ(ConfigParser_get(handle.get(), "image-sensor-path"), "/dev/imx7");
-}
-
-// A missing key is inserted empty, and an existing key is never replaced by a file, so a key
-// read before a reload keeps its empty value while a key never read takes the file's.
-TEST(ConfigParserC, GetInsertsMissingKeysBeforeAReload)
-{
-    TempDir dir("k52config-c");
-    auto first = dir.writeFile("first.conf", "image-sensor-path=/dev/imx0\n");
-    auto second = dir.writeFile("second.conf", "read-before=file\nnever-read=file\n");
-    auto handle = create({"k52app", "-c", first});
-    ASSERT_NE(handle, nullptr);
 
     const char* before = ConfigParser_get(handle.get(), "read-before");
     ASSERT_NE(before, nullptr);
     EXPECT_STREQ(before, "");
-
     Arguments reload({"k52app", "-c", second});
     ASSERT_EQ(ConfigParser_loadFromArguments(handle.get(), reload.argc(), reload.argv()), 0);
     EXPECT_STREQ(ConfigParser_get(handle.get(), "read-before"), "");
@@ -94,25 +85,23 @@ TEST_P(ConfigParserCFailure, CreateAndReloadReportEinval)
     if (c.fileText)
         dir.writeFile("bad.conf", c.fileText);
     const std::string expected = "Error: " + c.expectedError + (c.fileText ? "" : bad) + "\n";
-
-    testing::internal::CaptureStderr();
-    errno = 0;
-    auto failed = create({"k52app", "-c", bad});
-    int createErrno = errno;
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), expected);
-    EXPECT_EQ(failed, nullptr);
-    EXPECT_EQ(createErrno, EINVAL);
+    // Runs `call` and checks what it printed and left in errno.
+    const auto failing = [&](auto call) {
+        testing::internal::CaptureStderr();
+        errno = 0;
+        auto result = call();
+        const int error = errno;
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), expected);
+        EXPECT_EQ(error, EINVAL);
+        return result;
+    };
+    EXPECT_EQ(failing([&] { return create({"k52app", "-c", bad}); }), nullptr);
 
     auto handle = create({"k52app", "-c", good});
     ASSERT_NE(handle, nullptr);
     Arguments reload({"k52app", "-c", bad});
-    testing::internal::CaptureStderr();
-    errno = 0;
-    int rc = ConfigParser_loadFromArguments(handle.get(), reload.argc(), reload.argv());
-    int reloadErrno = errno;
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), expected);
-    EXPECT_EQ(rc, -1);
-    EXPECT_EQ(reloadErrno, EINVAL);
+    EXPECT_EQ(failing([&] { return ConfigParser_loadFromArguments(handle.get(), reload.argc(), reload.argv()); }),
+              -1);
 }
 
 INSTANTIATE_TEST_SUITE_P(
