@@ -129,12 +129,12 @@ TEST_F(ModuleTest, IlluminationStatusFollowsTheLight)
 
 TEST_F(ModuleTest, TheLightWarmsTheModule)
 {
-    float internal = illumination_.getInternalTemperature();
-    float external = illumination_.getExternalTemperature();
-    EXPECT_GT(internal, 15.0f);
-    EXPECT_LT(internal, 40.0f);
-    EXPECT_GT(external, 15.0f);
-    EXPECT_LT(external, 40.0f);
+    const float internal = illumination_.getInternalTemperature();
+    const float external = illumination_.getExternalTemperature();
+    for (float celsius : {internal, external}) {
+        EXPECT_GT(celsius, 15.0f);
+        EXPECT_LT(celsius, 40.0f);
+    }
     illumination_.setSegments(15);
     for (auto channel : {&IOIllumination::setWhiteBrightness, &IOIllumination::setRedBrightness,
                          &IOIllumination::setGreenBrightness, &IOIllumination::setBlueBrightness})
@@ -147,7 +147,7 @@ TEST_F(ModuleTest, TheLightWarmsTheModule)
         << "the housing warms less than the LED driver";
 }
 
-TEST_F(ModuleTest, AutoFocusMovesAndReportsWhereItIs)
+TEST_F(ModuleTest, AutoFocusMovesAndResetHomesTheLensAndClearsTheLED)
 {
     EXPECT_EQ(autofocus_.getPositionMax(), 4095u);
     for (unsigned position : {4095u, 0u, 1u, 2048u}) {
@@ -156,11 +156,7 @@ TEST_F(ModuleTest, AutoFocusMovesAndReportsWhereItIs)
     }
     EXPECT_THROW(autofocus_.setPosition(4096), utils::UtilsRuntimeError);
     EXPECT_EQ(rawRegister(autofocusPath, 0x0C), (std::array<uint8_t, 4>{0x00, 0x08, 0, 0}));
-}
 
-TEST_F(ModuleTest, AutoFocusResetHomesTheLensAndClearsTheLED)
-{
-    autofocus_.setPosition(3000);
     autofocus_.setLEDMode(1);
     autofocus_.setLEDState(1);
     autofocus_.reset();
