@@ -13,6 +13,7 @@
 #include <poll.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <thread>
@@ -28,7 +29,6 @@ using utils::platform::emulated::Fault;
 constexpr uint32_t grey = V4L2_PIX_FMT_GREY;
 constexpr uint32_t rgb3 = V4L2_PIX_FMT_RGB24;
 constexpr size_t containerSize = 50333896;
-constexpr uint32_t testPatternControl = 0x009f0903;
 
 uint32_t word(const uint8_t* bytes, size_t offset)
 {
@@ -49,11 +49,6 @@ void expectError(Body body, const std::string& text)
     }
 }
 
-uint32_t zlibCrc(const uint8_t* bytes, size_t length)
-{
-    return static_cast<uint32_t>(crc32(0, bytes, static_cast<uInt>(length)));
-}
-
 class CaptureTest : public ::testing::Test {
 protected:
     Capture& capture() { return *h.capture; }
@@ -68,7 +63,7 @@ protected:
         const uint8_t* bytes = container();
         EXPECT_EQ(word(bytes, 4), 2248 + n);
         EXPECT_EQ(word(bytes, 2240), n + 8);
-        const uint32_t crc = zlibCrc(bytes, 2244 + n);
+        const auto crc = static_cast<uint32_t>(crc32(0, bytes, static_cast<uInt>(2244 + n)));
         EXPECT_EQ(word(bytes, 2244 + n), crc);
         EXPECT_EQ(word(bytes, containerSize - 4), crc);
     }
@@ -274,14 +269,14 @@ TEST_F(CaptureTest, ShortFrameEndsTheStreamAndKeepsItMarkedUntilStopped)
 {
     k52test::SyslogCapture log;
     h.board().faults().inject("/dev/video0", Fault::shortFrame);
-    auto [status, message] = h.run("CaptureStreamStart GREY 1");
-    EXPECT_EQ(status, "ErrorRuntimeError");
-    EXPECT_EQ(message, "CaptureStart: invalid frame buffer size.");
-
+    const k52app::RouteReply failed{"ErrorRuntimeError", "CaptureStart: invalid frame buffer size."};
+    EXPECT_EQ(h.run("CaptureStreamStart GREY 1"), failed);
     EXPECT_TRUE(capture().isStreaming());
     EXPECT_THROW(h.run("CaptureStreamStart GREY 1"), utils::UtilsException);
     EXPECT_EQ(h.run("CaptureStreamStop").second, "CaptureStreamStop: CaptureStreamStop stopped.");
     EXPECT_FALSE(capture().isStreaming());
+    EXPECT_EQ(h.run("CaptureStreamStart GREY 1"), failed) << "a stopped stream can start again";
+    h.run("CaptureStreamStop");
 
     // The failed stream left the device clean: the next acquisition starts without complaint.
     h.board().faults().clear("/dev/video0");
@@ -297,11 +292,10 @@ TEST_F(CaptureTest, FailuresInsideAcquisitionStartAreLoggedAndIgnored)
     k52test::SyslogCapture log;
     capture().startAquisition(grey, 7, 2, v4l2_rect{}, IORTUTriggerMode::continuous);
     EXPECT_FALSE(h.resources->v4l2().isStreaming());
-    bool logged = false;
-    for (const auto& record : log.records())
-        if (record.text.find("Ignoring exception: ") != std::string::npos && record.priority % 8 == 1)
-            logged = true;
-    EXPECT_TRUE(logged) << "an alert record names the ignored exception";
+    const auto& records = log.records();
+    EXPECT_TRUE(std::any_of(records.begin(), records.end(), [](const auto& record) {
+        return record.text.find("Ignoring exception: ") != std::string::npos && record.priority % 8 == 1;
+    })) << "an alert record names the ignored exception";
     EXPECT_THROW(capture().snapshotFrame(50), utils::UtilsRuntimeError) << "nothing is streaming";
 }
 
