@@ -162,11 +162,10 @@ TEST_F(AcceleratedProcessingTest, KernelsMatchACpuComputationOfTheRegion)
                                    : processImage(input, region.width, region.height);
         const size_t n = expected.size();
         EXPECT_EQ(frameData(n), expected);
-        EXPECT_EQ(word(container(), 2224), c.rowPixels) << "width field: the row length";
-        EXPECT_EQ(word(container(), 2228), uint32_t(region.height));
-        EXPECT_EQ(word(container(), 2232), 1u);
-        EXPECT_EQ(word(container(), 2240), n + 8);
-        EXPECT_EQ(word(container(), 4), 2248 + n);
+        // Width field, height, pixel format, frame length, used length: the width is the row's.
+        const auto at = [&](size_t offset) { return word(container(), offset); };
+        EXPECT_EQ(std::vector<uint32_t>({at(2224), at(2228), at(2232), at(2240), at(4)}),
+                  std::vector<uint32_t>({c.rowPixels, uint32_t(region.height), 1, uint32_t(n + 8), uint32_t(2248 + n)}));
         EXPECT_EQ(word(container(), 2244 + n), uint32_t(crc32(0, container(), uInt(2244 + n))));
     }
 }
@@ -209,20 +208,21 @@ TEST_F(AcceleratedProcessingTest, AverageIntensityIsLoggedWithItsCategory)
         auto frameArea = area();
         gpu().processFrame(flat.data(), uint32_t(flat.size()), greyFormat(64, 16), frameArea);
         gpu().disable();
-        bool found = false;
-        for (const auto& record : log.records())
-            found = found || record.text.find(c.line) != std::string::npos;
-        EXPECT_TRUE(found) << c.line;
+        const auto& records = log.records();
+        EXPECT_TRUE(std::any_of(records.begin(), records.end(),
+                                [&](const auto& r) { return r.text.find(c.line) != std::string::npos; }))
+            << c.line;
     }
 }
 
 TEST_F(AcceleratedProcessingTest, EnableRulesAndDisableResetsTheRegion)
 {
+    const auto region = [&] {
+        const Region r = gpu().region();
+        return std::vector<int>{r.width, r.height, r.left, r.top};
+    };
     gpu().enable(kernelFile, "sobelFilter", 10, 110, 20, 60);
-    EXPECT_EQ(gpu().region().width, 100);
-    EXPECT_EQ(gpu().region().height, 40);
-    EXPECT_EQ(gpu().region().left, 10);
-    EXPECT_EQ(gpu().region().top, 20);
+    EXPECT_EQ(region(), std::vector<int>({100, 40, 10, 20}));
     try {
         gpu().enable(kernelFile, "sobelFilter", 0, 10, 0, 10);
         ADD_FAILURE() << "enabled twice";
@@ -230,10 +230,7 @@ TEST_F(AcceleratedProcessingTest, EnableRulesAndDisableResetsTheRegion)
         EXPECT_STREQ(e.what(), "Accelerated Proccessing is already enabled.");
     }
     gpu().disable();
-    EXPECT_EQ(gpu().region().width, -1);
-    EXPECT_EQ(gpu().region().height, -1);
-    EXPECT_EQ(gpu().region().left, -1);
-    EXPECT_EQ(gpu().region().top, -1);
+    EXPECT_EQ(region(), std::vector<int>({-1, -1, -1, -1}));
     EXPECT_THROW(gpu().enable(kernelFile, "noSuchKernel", 0, 10, 0, 10), utils::UtilsRuntimeError);
     EXPECT_FALSE(gpu().isEnabled());
 
