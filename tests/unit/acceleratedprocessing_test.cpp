@@ -7,7 +7,6 @@
 #include "support/syslogcapture.h"
 #include "utils/base/exceptions.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/videodev2.h>
 #include <zlib.h>
