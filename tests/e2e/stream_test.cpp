@@ -79,7 +79,6 @@ public:
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         return frames_ >= target;
     }
-    int frames() const { return frames_; }
     // A new stream is coming: its frame counter starts again.
     void expectRestart() { restarts_ += 1; }
     std::string failure() const
