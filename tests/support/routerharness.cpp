@@ -2,6 +2,8 @@
 
 #include "utils/platform/kernel.h"
 
+#include <gtest/gtest.h>
+
 namespace k52test {
 
 RouterHarness::RouterHarness(const EmulatedConfig::Overrides& overrides) : config(overrides)
@@ -31,6 +33,17 @@ RouterHarness::~RouterHarness()
 k52app::RouteReply RouterHarness::run(const std::string& command)
 {
     return router->dispatch(command).spin();
+}
+
+void expectExchanges(RouterHarness& h, const std::vector<Exchange>& exchanges)
+{
+    for (const auto& e : exchanges) {
+        SCOPED_TRACE(e.command);
+        auto [status, message] = h.run(e.command);
+        EXPECT_EQ(status, e.status);
+        if (e.message)
+            EXPECT_EQ(message, e.message);
+    }
 }
 
 } // namespace k52test

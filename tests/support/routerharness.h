@@ -9,8 +9,16 @@
 #include "utils/platform/emulated/board.h"
 
 #include <memory>
+#include <vector>
 
 namespace k52test {
+
+// One command and its exact reply; a null message checks only the status.
+struct Exchange {
+    const char* command;
+    const char* status;
+    const char* message;
+};
 
 // The daemon's components without its threads: an emulated board, the resource manager built
 // from a private copy of the example configuration, the capture, the reporter and the router
@@ -36,5 +44,8 @@ public:
 private:
     std::shared_ptr<utils::platform::emulated::EmulatedBoard> board_;
 };
+
+// Runs each command in turn on `h` and checks its reply.
+void expectExchanges(RouterHarness& h, const std::vector<Exchange>& exchanges);
 
 } // namespace k52test

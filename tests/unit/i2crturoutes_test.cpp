@@ -11,6 +11,9 @@
 
 namespace {
 
+using k52test::Exchange;
+using k52test::expectExchanges;
+
 using k52test::RouterHarness;
 using utils::platform::emulated::Fault;
 using utils::platform::emulated::TextFile;
@@ -19,22 +22,6 @@ constexpr const char* rtuBus = "/dev/i2c-1";
 constexpr uint8_t rtuAddress = 66;
 constexpr const char* enableLine = "/sys/class/gpio/gpio431/value";
 constexpr const char* typeLine = "/sys/class/gpio/gpio479/value";
-
-struct Exchange {
-    const char* command;
-    const char* status;
-    const char* message;
-};
-
-void expectExchanges(RouterHarness& h, const std::vector<Exchange>& exchanges)
-{
-    for (const auto& e : exchanges) {
-        SCOPED_TRACE(e.command);
-        auto [status, message] = h.run(e.command);
-        EXPECT_EQ(status, e.status);
-        EXPECT_EQ(message, e.message);
-    }
-}
 
 // The RTU's register as a second client on the bus sees it.
 unsigned short rtuRegister(uint8_t reg)

@@ -10,30 +10,17 @@
 
 namespace {
 
+using k52test::Exchange;
+using k52test::expectExchanges;
+
 using testing::HasSubstr;
 using testing::StartsWith;
 using utils::platform::emulated::Fault;
 
-struct Step {
-    const char* command;
-    const char* status;
-    const char* message; // exact text
-};
-
-void runSteps(k52test::RouterHarness& h, std::initializer_list<Step> steps)
-{
-    for (const auto& step : steps) {
-        SCOPED_TRACE(step.command);
-        auto [status, message] = h.run(step.command);
-        EXPECT_EQ(status, step.status);
-        EXPECT_EQ(message, step.message);
-    }
-}
-
 TEST(IlluminationRoutes, RepliesAndModuleState)
 {
     k52test::RouterHarness h;
-    runSteps(h, {
+    expectExchanges(h, {
         {"GetIlluStatus", "OK", "GetIlluStatus: Current Status: 0"},
         {"GetIlluSerialNumber", "OK", "GetIlluSerialNumber: Serial Number: 52013377"},
         {"GetIlluMode", "OK", "GetIlluMode: Mode: 0"},
@@ -89,7 +76,7 @@ TEST(IlluminationRoutes, ValuesTheModuleRefusesReadOKRuntimeError)
         EXPECT_EQ(status, "OKRuntimeError");
         EXPECT_THAT(message, StartsWith(route + ": Illumination '/dev/k52illum'"));
     }
-    runSteps(h, {{"GetIlluSegments", "OK", "GetIlluSegments: Segments: 15"}});
+    expectExchanges(h, {{"GetIlluSegments", "OK", "GetIlluSegments: Segments: 15"}});
 }
 
 TEST(IlluminationRoutes, DeviceErrorsReadOKIOException)
@@ -124,7 +111,7 @@ TEST(IlluminationRoutes, ArgumentErrorsLeaveTheHandler)
 TEST(AutoFocusRoutes, RepliesAndModuleState)
 {
     k52test::RouterHarness h;
-    runSteps(h, {
+    expectExchanges(h, {
         {"GetAFPositionMax", "OK", "GetAFPositionMax: Max position: 4095"},
         {"SetAFPosition 1000", "OK", "SetAFPosition: AF position set to 1000"},
         {"GetAFPosition", "OK", "GetAFPosition: Current position: 1000"},

@@ -12,31 +12,18 @@
 
 namespace {
 
+using k52test::Exchange;
+using k52test::expectExchanges;
+
 using utils::platform::emulated::Fault;
 
 constexpr const char* imxPath = "/dev/imx0";
 constexpr const char* videoPath = "/dev/video0";
 
-struct Step {
-    const char* command;
-    const char* status;
-    const char* message;
-};
-
-void runSteps(k52test::RouterHarness& h, std::initializer_list<Step> steps)
-{
-    for (const auto& step : steps) {
-        SCOPED_TRACE(step.command);
-        auto [status, message] = h.run(step.command);
-        EXPECT_EQ(status, step.status);
-        EXPECT_EQ(message, step.message);
-    }
-}
-
 TEST(IMXRoutes, RepliesAndSensorState)
 {
     k52test::RouterHarness h;
-    runSteps(h, {
+    expectExchanges(h, {
         {"GetIMXSensorType", "OK", "GetIMXSensorType: 'monochrome'"},
         {"GetIMXExposure", "OK", "GetIMXExposure: Exposure = 10000 us"},
         {"SetIMXExposure 5000", "OK", "SetIMXExposure: Exposure set to 5000 us"},
@@ -82,7 +69,7 @@ TEST(IMXRoutes, MissingValuesAndDeviceErrors)
 {
     k52test::RouterHarness h;
     h.board().faults().inject(imxPath, Fault::ioError);
-    runSteps(h, {
+    expectExchanges(h, {
         {"SetIMXExposure", "Error", "SetIMXExposure: No exposure value provided."},
         {"SetIMXTriggerMode", "Error", "SetIMXTriggerMode: No trigger mode value provided."},
         {"SetIMXHalfScanMode", "Error", "SetIMXHalfScanMode: No half-scan mode value provided."},
@@ -207,7 +194,7 @@ TEST(V4L2Routes, FormatAndControlReplies)
 {
     k52test::RouterHarness h;
     // Fourccs in decimal as clients send them: RGB3 859981650, GREY 1497715271, YUYV 1448695129.
-    runSteps(h, {
+    expectExchanges(h, {
         {"GetV4L2CropCapabilities", "OK",
          "GetV4L2CropCapabilities: Crop Capabilities - Bounds: 2472x2064, Default: 2472x2064"},
         {"GetV4L2Format", "OK", "GetV4L2Format: Current format: GREY, Resolution: 1456x1088"},
@@ -256,7 +243,7 @@ TEST(V4L2Routes, InjectedIOErrorsUseBothStatusSpellings)
 {
     k52test::RouterHarness h;
     h.board().faults().inject(videoPath, Fault::ioError);
-    runSteps(h, {
+    expectExchanges(h, {
         {"GetV4L2CropCapabilities", "ErrorIOException",
          "GetV4L2CropCapabilities: VIDIOC_CROPCAP '/dev/video0': Input/output error"},
         {"SetV4L2CropCapabilities 0 0 640 480", "ErrorIOException",

@@ -17,27 +17,14 @@
 
 namespace {
 
+using k52test::Exchange;
+using k52test::expectExchanges;
+
 using namespace std::chrono_literals;
 using testing::HasSubstr;
 using testing::StartsWith;
 using utils::platform::emulated::Fault;
 using utils::platform::emulated::GPIOChip;
-
-struct Step {
-    const char* command;
-    const char* status;
-    const char* message; // exact text
-};
-
-void runSteps(k52test::RouterHarness& h, std::initializer_list<Step> steps)
-{
-    for (const auto& step : steps) {
-        SCOPED_TRACE(step.command);
-        auto [status, message] = h.run(step.command);
-        EXPECT_EQ(status, step.status);
-        EXPECT_EQ(message, step.message);
-    }
-}
 
 // --- smart sensor -------------------------------------------------------------------------
 
@@ -76,7 +63,7 @@ TEST(SmartSensorRoutes, GyroIsConfiguredOrSwitchedOff)
                           Case{"SmartSensorSetGyro 0 500 100", 0.0f, 10},
                           Case{"SmartSensorSetGyro 7 100 -3", 100.0f, 0}}) {
         SCOPED_TRACE(c.command);
-        runSteps(h, {{c.command, "OK", "SmartSensorSetGyro: Gyro configuration set."}});
+        expectExchanges(h, {{c.command, "OK", "SmartSensorSetGyro: Gyro configuration set."}});
         GyroSetting setting = gyroSetting();
         EXPECT_EQ(setting.id, 37);
         EXPECT_EQ(setting.rateHz, c.rateHz);
@@ -111,7 +98,7 @@ TEST(I2CRoutes, RegisterAccess)
 {
     k52test::RouterHarness h;
     const char* failed = "Failed: Failed to set Address.";
-    runSteps(h, {
+    expectExchanges(h, {
         // The EEPROM at 80 holds "K52 I2C-<bus>": offset 1 is '5' (53), offset 7 is '-' (45).
         {"GetI2C 3 80 1", "OK", "register 1 = 53"},
         {"GetI2C 2 80 7", "OK", "register 7 = 45"},
@@ -131,7 +118,7 @@ TEST(I2CRoutes, RegisterAccess)
         {"SetI2C 4 80 272 7", "Error", failed}, // 272 would wrap onto offset 16
         {"SetI2C 4 80 17 -1", "Error", failed},
     });
-    runSteps(h, {{"GetI2C 4 80 16", "OK", "register 16 = 171"}, {"GetI2C 4 80 17", "OK", "register 17 = 255"}});
+    expectExchanges(h, {{"GetI2C 4 80 16", "OK", "register 16 = 171"}, {"GetI2C 4 80 17", "OK", "register 17 = 255"}});
 }
 
 TEST(I2CRoutes, BusFailures)
@@ -143,7 +130,7 @@ TEST(I2CRoutes, BusFailures)
     EXPECT_THAT(message, HasSubstr("/dev/i2c-9"));
 
     h.board().faults().inject("/dev/i2c-3", Fault::ioError);
-    runSteps(h, {{"GetI2C 3 80 1", "Error", "Failed: Failed to set Address."},
+    expectExchanges(h, {{"GetI2C 3 80 1", "Error", "Failed: Failed to set Address."},
                  {"SetI2C 3 80 1 1", "Error", "Failed: Failed to set Address."},
                  {"GetI2C 2 80 1", "OK", "register 1 = 53"}});
 
@@ -175,7 +162,7 @@ TEST_F(ButtonRoute, EdgesBecomeColouredNoticesInOrder)
     k52test::SyslogCapture capture;
     auto client = connect();
     // A second enable replaces the callbacks: still one notice per edge.
-    runSteps(h, {{"MonitorButton 1", "OK", "button monitor enabled."},
+    expectExchanges(h, {{"MonitorButton 1", "OK", "button monitor enabled."},
                  {"MonitorButton 1", "OK", "button monitor enabled."}});
 
     chip().press();
@@ -206,7 +193,7 @@ TEST_F(ButtonRoute, EdgesBecomeColouredNoticesInOrder)
 TEST_F(ButtonRoute, DisabledMonitoringSendsNothing)
 {
     auto client = connect();
-    runSteps(h, {{"MonitorButton 1", "OK", "button monitor enabled."},
+    expectExchanges(h, {{"MonitorButton 1", "OK", "button monitor enabled."},
                  {"MonitorButton 0", "OK", "button monitor disabled."},
                  {"MonitorButton 0", "OK", "button monitor disabled."}});
     chip().press();
@@ -216,7 +203,7 @@ TEST_F(ButtonRoute, DisabledMonitoringSendsNothing)
 
 TEST_F(ButtonRoute, PressWithoutClientBreaksNothing)
 {
-    runSteps(h, {{"MonitorButton 1", "OK", "button monitor enabled."}});
+    expectExchanges(h, {{"MonitorButton 1", "OK", "button monitor enabled."}});
     chip().press();
     std::this_thread::sleep_for(200ms); // let the event thread try to send
     auto client = connect();
@@ -234,7 +221,7 @@ TEST_F(ButtonRoute, ArgumentAndDeviceFailures)
     EXPECT_EQ(status, "ErrorIOException");
     EXPECT_THAT(message, StartsWith("Failed"));
     h.board().faults().clear(GPIOChip::path);
-    runSteps(h, {{"MonitorButton 1", "OK", "button monitor enabled."}});
+    expectExchanges(h, {{"MonitorButton 1", "OK", "button monitor enabled."}});
 }
 
 } // namespace

@@ -10,6 +10,9 @@
 
 namespace {
 
+using k52test::Exchange;
+using k52test::expectExchanges;
+
 using k52test::RouterHarness;
 using utils::platform::emulated::Fault;
 using utils::platform::emulated::TextFile;
@@ -17,22 +20,6 @@ using utils::platform::emulated::TextFile;
 constexpr const char* rtuNode = "/dev/k52rtu";
 constexpr const char* enableLine = "/sys/class/gpio/gpio431/value";
 constexpr const char* typeLine = "/sys/class/gpio/gpio479/value";
-
-struct Exchange {
-    const char* command;
-    const char* status;
-    const char* message;
-};
-
-void expectExchanges(RouterHarness& h, const std::vector<Exchange>& exchanges)
-{
-    for (const auto& e : exchanges) {
-        SCOPED_TRACE(e.command);
-        auto [status, message] = h.run(e.command);
-        EXPECT_EQ(status, e.status);
-        EXPECT_EQ(message, e.message);
-    }
-}
 
 void expectGroupFree(RouterHarness& h)
 {

@@ -11,29 +11,13 @@
 
 namespace {
 
+using k52test::Exchange;
+using k52test::expectExchanges;
+
 using testing::HasSubstr;
 using utils::platform::emulated::Fault;
 
 constexpr const char* tofPath = "/dev/k52tof";
-
-struct Step {
-    const char* command;
-    const char* status;
-    const char* message; // exact text; nullptr: only the status is checked
-};
-
-void runSteps(k52test::RouterHarness& h, std::initializer_list<Step> steps)
-{
-    for (const auto& step : steps) {
-        SCOPED_TRACE(step.command);
-        auto [status, message] = h.run(step.command);
-        EXPECT_EQ(status, step.status);
-        if (step.message)
-            EXPECT_EQ(message, step.message);
-        else
-            EXPECT_THAT(message, HasSubstr(tofPath)) << "device errors name the sensor";
-    }
-}
 
 // A 4-wide right-aligned distance and a tab, `side` times per row, each row closed by
 // "\t.:.\t", the line closed by "\t\t".
@@ -57,7 +41,7 @@ std::vector<int> matrixDistances(const std::string& matrix)
 TEST(ToFRoutes, RepliesAndStateAcrossSettings)
 {
     k52test::RouterHarness h;
-    runSteps(h, {
+    expectExchanges(h, {
         {"ToFGetStatus", "OK", "ToF is enabled"},
         {"ToFGetResolution", "OK", "Resolution: 4x4"},
         {"ToFGetFrequency", "OK", "Frequency: 15"},
@@ -127,7 +111,7 @@ TEST(ToFRoutes, ArgumentsThatDoNotParse)
         EXPECT_THROW(h.run(command), utils::UtilsRuntimeError);
     }
     // Numbers beyond the parser's range become the parser's own error text.
-    runSteps(h, {
+    expectExchanges(h, {
         {"ToFSetFrequency 99999999999", "Error", "stoi"},
         {"ToFSetResolution -99999999999", "Error", "stoi"},
         {"ToFSetObjectDistance 999999999999999999999", "Error", "stoul"},
@@ -181,7 +165,7 @@ TEST(ToFRoutes, DeviceErrorsBecomeErrorWithTheirText)
         }
     }
     h.board().faults().clear(tofPath);
-    runSteps(h, {{"ToFGetResolution", "OK", "Resolution: 4x4"}});
+    expectExchanges(h, {{"ToFGetResolution", "OK", "Resolution: 4x4"}});
 }
 
 TEST(ToFRoutes, SensorThatDidNotComeUpAnswersErrorEverywhere)
