@@ -1,4 +1,5 @@
 #include "client/connection.h"
+#include "client/wire.h"
 
 #include <arpa/inet.h>
 #include <netdb.h>
@@ -29,13 +30,6 @@ int remainingMs(Clock::time_point deadline)
 {
     auto left = std::chrono::duration_cast<Milliseconds>(deadline - Clock::now()).count();
     return left < 0 ? 0 : static_cast<int>(left);
-}
-
-uint32_t word(const std::string& bytes, size_t offset)
-{
-    uint32_t value;
-    std::memcpy(&value, bytes.data() + offset, sizeof value);
-    return value;
 }
 
 } // namespace
@@ -145,16 +139,16 @@ Message ControlClient::readMessage(Milliseconds timeout)
 {
     std::string bytes(ackframe::headerSize, '\0');
     connection_.readExactly(bytes.data(), bytes.size(), timeout);
-    if (word(bytes, 0) != ackframe::magic)
+    if (wordAt(bytes, 0) != ackframe::magic)
         throw std::runtime_error("unexpected bytes on the control socket (no frame magic)");
-    uint32_t total = word(bytes, 4);
+    uint32_t total = wordAt(bytes, 4);
     constexpr uint32_t largest = 64u << 20;
     if (total < ackframe::headerSize + 4 || total > largest)
         throw std::runtime_error("implausible frame length " + std::to_string(total));
     bytes.resize(total);
     connection_.readExactly(bytes.data() + ackframe::headerSize, total - ackframe::headerSize,
                             timeout);
-    return Message{word(bytes, 8), std::move(bytes)};
+    return Message{wordAt(bytes, 8), std::move(bytes)};
 }
 
 Notice ControlClient::readNotice(Milliseconds timeout)

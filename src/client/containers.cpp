@@ -1,4 +1,5 @@
 #include "client/containers.h"
+#include "client/wire.h"
 
 #include "utils/base/crc.h"
 
@@ -16,13 +17,6 @@ namespace k52client {
 namespace {
 
 constexpr uint32_t containerMagic = 0x0510FFFF;
-
-uint32_t word(const uint8_t* bytes, uint64_t offset)
-{
-    uint32_t value;
-    std::memcpy(&value, bytes + offset, sizeof value);
-    return value;
-}
 
 // A read-only mapping of a whole file, released on scope exit.
 class ReadOnlyMapping {
@@ -73,8 +67,8 @@ ContainerReport inspectContainer(const std::string& path)
         return report;
     }
     const uint8_t* bytes = file.data();
-    report.identifier = word(bytes, 0);
-    report.size = word(bytes, 4);
+    report.identifier = wordAt(bytes, 0);
+    report.size = wordAt(bytes, 4);
     if (report.identifier != containerMagic)
         report.problems.push_back("identifier is not 0x0510ffff");
     // After a frame snapshot the general container's size word covers only its used part,
@@ -84,13 +78,13 @@ ContainerReport inspectContainer(const std::string& path)
                                   std::to_string(file.size()) + " bytes");
         return report;
     }
-    report.storedChecksum = word(bytes, report.size - 4);
+    report.storedChecksum = wordAt(bytes, report.size - 4);
     report.computedChecksum = utils::CRCSum32(bytes, report.size - 4, 0xFFFFFFFF);
     if (report.storedChecksum != report.computedChecksum)
         report.problems.push_back("checksum mismatch");
     for (uint64_t offset = 8; offset + 8 <= report.size - 4;) {
-        uint32_t size = word(bytes, offset + 4);
-        report.subContainers.push_back({offset, word(bytes, offset), size});
+        uint32_t size = wordAt(bytes, offset + 4);
+        report.subContainers.push_back({offset, wordAt(bytes, offset), size});
         if (size < 8 || offset + size > report.size - 4) {
             report.problems.push_back("sub-container at " + std::to_string(offset) +
                                       " overruns the container");

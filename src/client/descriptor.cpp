@@ -1,4 +1,5 @@
 #include "client/descriptor.h"
+#include "client/wire.h"
 
 #include "utils/base/crc.h"
 
@@ -10,45 +11,27 @@
 
 namespace k52client {
 
-namespace {
-
-uint32_t word(std::string_view bytes, size_t offset)
-{
-    uint32_t value;
-    std::memcpy(&value, bytes.data() + offset, sizeof value);
-    return value;
-}
-
-std::string hex(uint32_t value)
-{
-    char text[16];
-    std::snprintf(text, sizeof text, "0x%08x", value);
-    return text;
-}
-
-} // namespace
-
 XmlDescriptor unpackXmlDescriptor(std::string_view message)
 {
     if (message.size() != xmlframe::size)
         throw std::runtime_error("XML descriptor of " + std::to_string(message.size()) + " bytes, expected " +
                                  std::to_string(xmlframe::size));
-    if (word(message, 0) != xmlframe::magic)
-        throw std::runtime_error("bad XML descriptor magic " + hex(word(message, 0)));
-    if (word(message, 8) != xmlframe::kind)
-        throw std::runtime_error("bad XML descriptor kind " + hex(word(message, 8)));
-    const uint32_t used = word(message, 4);
+    if (wordAt(message, 0) != xmlframe::magic)
+        throw std::runtime_error("bad XML descriptor magic " + hex(wordAt(message, 0)));
+    if (wordAt(message, 8) != xmlframe::kind)
+        throw std::runtime_error("bad XML descriptor kind " + hex(wordAt(message, 8)));
+    const uint32_t used = wordAt(message, 4);
     if (used < xmlframe::headerSize + 1 + 4 || used > xmlframe::size)
         throw std::runtime_error("XML descriptor used length " + std::to_string(used) + " out of range");
-    if (word(message, 12) != used - 12)
-        throw std::runtime_error("XML descriptor remaining length " + std::to_string(word(message, 12)) +
+    if (wordAt(message, 12) != used - 12)
+        throw std::runtime_error("XML descriptor remaining length " + std::to_string(wordAt(message, 12)) +
                                  " does not match used length " + std::to_string(used));
     const uint32_t computed = utils::CRCSum32(message.data(), used - 4, 0xFFFFFFFF);
-    const uint32_t stored = word(message, used - 4);
+    const uint32_t stored = wordAt(message, used - 4);
     if (stored != computed)
         throw std::runtime_error("XML descriptor checksum " + hex(stored) + " but content gives " + hex(computed));
-    if (word(message, xmlframe::size - 4) != computed)
-        throw std::runtime_error("XML descriptor end checksum " + hex(word(message, xmlframe::size - 4)) +
+    if (wordAt(message, xmlframe::size - 4) != computed)
+        throw std::runtime_error("XML descriptor end checksum " + hex(wordAt(message, xmlframe::size - 4)) +
                                  " differs from " + hex(computed));
     std::string_view text = message.substr(xmlframe::headerSize, used - 4 - xmlframe::headerSize);
     if (text.back() != '\0' || text.find('\0') != text.size() - 1)

@@ -1,4 +1,5 @@
 #include "client/framestream.h"
+#include "client/wire.h"
 
 #include "utils/base/crc.h"
 
@@ -8,20 +9,6 @@
 namespace k52client {
 
 namespace {
-
-uint32_t wordAt(const uint8_t* bytes, size_t offset)
-{
-    uint32_t value;
-    std::memcpy(&value, bytes + offset, sizeof value);
-    return value;
-}
-
-std::string hex(uint32_t value)
-{
-    char text[16];
-    std::snprintf(text, sizeof text, "0x%08x", value);
-    return text;
-}
 
 [[noreturn]] void reject(const std::string& what) { throw std::runtime_error("bad frame: " + what); }
 

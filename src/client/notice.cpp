@@ -1,4 +1,5 @@
 #include "client/notice.h"
+#include "client/wire.h"
 
 #include "utils/base/crc.h"
 
@@ -11,38 +12,24 @@ namespace {
 
 constexpr uint32_t colorBlue = 0x3B65E3;
 
-uint32_t word(std::string_view bytes, size_t offset)
-{
-    uint32_t value;
-    std::memcpy(&value, bytes.data() + offset, sizeof value);
-    return value;
-}
-
-std::string hex(uint32_t value)
-{
-    char text[16];
-    std::snprintf(text, sizeof text, "0x%08x", value);
-    return text;
-}
-
 } // namespace
 
 std::string unpackFrame(std::string_view frame)
 {
     if (frame.size() < ackframe::headerSize + 4)
         throw std::runtime_error("frame too short: " + std::to_string(frame.size()) + " bytes");
-    if (word(frame, 0) != ackframe::magic)
-        throw std::runtime_error("bad frame magic " + hex(word(frame, 0)));
-    uint32_t total = word(frame, 4);
+    if (wordAt(frame, 0) != ackframe::magic)
+        throw std::runtime_error("bad frame magic " + hex(wordAt(frame, 0)));
+    uint32_t total = wordAt(frame, 4);
     if (total != frame.size())
         throw std::runtime_error("frame length " + std::to_string(total) + " but " +
                                  std::to_string(frame.size()) + " bytes received");
-    if (word(frame, 8) != ackframe::kind)
-        throw std::runtime_error("bad frame kind " + hex(word(frame, 8)));
-    if (word(frame, 12) != total - 12)
-        throw std::runtime_error("remaining length " + std::to_string(word(frame, 12)) +
+    if (wordAt(frame, 8) != ackframe::kind)
+        throw std::runtime_error("bad frame kind " + hex(wordAt(frame, 8)));
+    if (wordAt(frame, 12) != total - 12)
+        throw std::runtime_error("remaining length " + std::to_string(wordAt(frame, 12)) +
                                  " does not match total length " + std::to_string(total));
-    uint32_t stored = word(frame, total - 4);
+    uint32_t stored = wordAt(frame, total - 4);
     uint32_t computed = utils::CRCSum32(frame.data(), total - 4, 0xFFFFFFFF);
     if (stored != computed)
         throw std::runtime_error("frame checksum " + hex(stored) + " but content gives " +
