@@ -41,8 +41,9 @@ void expectExchanges(RouterHarness& h, const std::vector<Exchange>& exchanges)
         SCOPED_TRACE(e.command);
         auto [status, message] = h.run(e.command);
         EXPECT_EQ(status, e.status);
-        if (e.message)
+        if (e.message) {
             EXPECT_EQ(message, e.message);
+        }
     }
 }
 
