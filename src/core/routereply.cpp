@@ -9,9 +9,9 @@ RouteReply RouteReplyBuilder::guard(const std::function<RouteReply()>& body) con
     try {
         return body();
     } catch (const utils::IOError& e) {
-        return {status_ + "IOException", prefix_ + e.what()};
+        return {status_ + "IOException", message_ + e.what()};
     } catch (const utils::UtilsRuntimeError& e) {
-        return {status_ + "RuntimeError", prefix_ + e.what()};
+        return {status_ + "RuntimeError", message_ + e.what()};
     }
 }
 

@@ -28,32 +28,37 @@ inline const std::map<uint32_t, uint32_t> PixelFomatMap = {
 // The reply convention shared by every route: a handler starts with a status word (usually
 // "Error") and a message prefix; it answers ok() with its result or refuse() with a reason;
 // a utils::IOError or utils::UtilsRuntimeError from the device appends "IOException" or
-// "RuntimeError" to the starting status and the exception's text to the prefix. Any other
-// exception leaves the handler for the worker to report.
+// "RuntimeError" to the starting status and the exception's text to the message built so far.
+// Any other exception leaves the handler for the worker to report.
+//
+// A handler shares its builder between calls, so one that notes text takes a copy per call.
 class RouteReplyBuilder {
 public:
     RouteReplyBuilder(std::string status, std::string prefix)
-        : status_(std::move(status)), prefix_(std::move(prefix))
+        : status_(std::move(status)), message_(std::move(prefix))
     {
     }
 
-    RouteReply ok(const std::string& text) const { return {"OK", prefix_ + text}; }
-    RouteReply refuse(const std::string& reason) const { return {status_, prefix_ + reason}; }
+    // Appends text to the message now, before the device call: whatever the call throws, the
+    // reply keeps it ahead of the exception's text.
+    void note(const std::string& text) { message_ += text; }
+
+    RouteReply ok(const std::string& text) const { return {"OK", message_ + text}; }
+    RouteReply refuse(const std::string& reason) const { return {status_, message_ + reason}; }
     // An answer with any status word, for families with their own words.
     RouteReply answer(const std::string& status, const std::string& text) const
     {
-        return {status, prefix_ + text};
+        return {status, message_ + text};
     }
 
     const std::string& status() const { return status_; }
-    const std::string& prefix() const { return prefix_; }
 
     // Runs `body` under the exception mapping above.
     RouteReply guard(const std::function<RouteReply()>& body) const;
 
 private:
     std::string status_;
-    std::string prefix_;
+    std::string message_;
 };
 
 } // namespace k52app

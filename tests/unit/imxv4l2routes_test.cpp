@@ -42,8 +42,9 @@ TEST(IMXRoutes, RepliesAndSensorState)
         {"GetIMXHalfScanMode", "OK", "GetIMXHalfScanMode: Half-Scan Mode = 0"},
         {"SetIMXHalfScanMode 1", "OK", "SetIMXHalfScanMode: hscanmode=1;"},
         {"GetIMXHalfScanMode", "OK", "GetIMXHalfScanMode: Half-Scan Mode = 1"},
+        // The reply text is built before the sensor is asked, so a refusal keeps it.
         {"SetIMXHalfScanMode 2", "ErrorIOException",
-         "SetIMXHalfScanMode: Unable to write register HSCAN_MODE of '/dev/imx0': Invalid argument"},
+         "SetIMXHalfScanMode: hscanmode=2;Unable to write register HSCAN_MODE of '/dev/imx0': Invalid argument"},
 
         {"GetIMXROIOffset", "OK", "GetIMXROIOffset: ROI Offset = (0,0)"},
         {"SetIMXROIOffset 16 32", "OK", "SetIMXROIOffset: ROI Offset set to (16,32)"},
@@ -89,7 +90,7 @@ TEST(IMXRoutes, MissingValuesAndDeviceErrors)
         {"GetIMXHalfScanMode", "ErrorIOException",
          "GetIMXHalfScanMode: Unable to read register HSCAN_MODE of '/dev/imx0': Input/output error"},
         {"SetIMXHalfScanMode 0", "ErrorIOException",
-         "SetIMXHalfScanMode: Unable to write register HSCAN_MODE of '/dev/imx0': Input/output error"},
+         "SetIMXHalfScanMode: hscanmode=0;Unable to write register HSCAN_MODE of '/dev/imx0': Input/output error"},
         {"GetIMXROIOffset", "ErrorIOException",
          "GetIMXROIOffset: Unable to read register ROI_OFFSET of '/dev/imx0': Input/output error"},
         {"SetIMXROIOffset 1 2", "ErrorIOException",
@@ -248,6 +249,9 @@ TEST(V4L2Routes, InjectedIOErrorsUseBothStatusSpellings)
          "GetV4L2CropCapabilities: VIDIOC_CROPCAP '/dev/video0': Input/output error"},
         {"SetV4L2CropCapabilities 0 0 640 480", "ErrorIOException",
          "SetV4L2Crop: VIDIOC_S_CROP '/dev/video0': Input/output error"},
+        // The default-crop note is noted before the call and stays before the error.
+        {"SetV4L2CropCapabilities 1 2 3", "ErrorIOException",
+         "SetV4L2Crop: No arguments provided, setting to default crop.VIDIOC_CROPCAP '/dev/video0': Input/output error"},
         {"GetV4L2Format", "ErrorIOException", "GetV4L2Format: VIDIOC_G_FMT '/dev/video0': Input/output error"},
         {"SetV4L2Format 1497715271 0", "ErrorIOException",
          "SetV4L2Format: VIDIOC_ENUM_FMT '/dev/video0': Input/output error"},

@@ -14,8 +14,9 @@ namespace {
 using Arguments = std::vector<std::string>;
 using utils::IOIMX;
 
-// What one IMX route does with the sensor: the text that follows the route's prefix.
-using IMXAction = std::function<std::string(const IOIMX&, const Arguments&)>;
+// What one IMX route does with the sensor: the text that follows the route's prefix. Text
+// built before the device call is noted on the reply instead, so that a failure keeps it.
+using IMXAction = std::function<std::string(const IOIMX&, const Arguments&, RouteReplyBuilder&)>;
 
 // How many words a route reads, and what it answers when they are not there. Setters check
 // before touching the sensor, so a bare "SetIMXExposure" never reaches the device.
@@ -27,31 +28,32 @@ struct Required {
 RouteHandler imxRoute(K52ResourceManager* resources, const std::string& name, Required required,
                       IMXAction action)
 {
-    return [resources, reply = RouteReplyBuilder("Error", name + ": "),
+    return [resources, start = RouteReplyBuilder("Error", name + ": "),
             required = std::move(required), action = std::move(action)](const Arguments& arguments) {
         if (arguments.size() < required.count)
-            return reply.refuse(required.missingNote);
+            return start.refuse(required.missingNote);
+        RouteReplyBuilder reply = start;
         return reply.guard([&] {
             std::lock_guard lock(resources->getMutex(K52ResourceGroups::IMX));
-            return reply.ok(action(resources->imx(), arguments));
+            return reply.ok(action(resources->imx(), arguments, reply));
         });
     };
 }
 
-std::string sensorType(const IOIMX& imx, const Arguments&)
+std::string sensorType(const IOIMX& imx, const Arguments&, RouteReplyBuilder&)
 {
     // Only the low byte carries the colour filter; the rest is the sensor's business.
     return (imx.getSensorType() & 0xFF) != 0 ? "'monochrome'" : "'color'";
 }
 
-std::string setExposure(const IOIMX& imx, const Arguments& arguments)
+std::string setExposure(const IOIMX& imx, const Arguments& arguments, RouteReplyBuilder&)
 {
     const auto microseconds = static_cast<unsigned>(std::stoul(arguments.at(0)));
     imx.setExposure(microseconds);
     return "Exposure set to " + std::to_string(microseconds) + " us";
 }
 
-std::string setTriggerMode(const IOIMX& imx, const Arguments& arguments)
+std::string setTriggerMode(const IOIMX& imx, const Arguments& arguments, RouteReplyBuilder&)
 {
     // The register holds one byte; the reply names what the sensor was given.
     const auto mode = static_cast<unsigned char>(std::stoul(arguments.at(0)));
@@ -59,22 +61,23 @@ std::string setTriggerMode(const IOIMX& imx, const Arguments& arguments)
     return "Trigger Mode set to " + std::to_string(mode);
 }
 
-std::string setHalfScanMode(const IOIMX& imx, const Arguments& arguments)
+std::string setHalfScanMode(const IOIMX& imx, const Arguments& arguments, RouteReplyBuilder& reply)
 {
     const int mode = std::stoi(arguments.at(0));
-    std::string text = "hscanmode=" + std::to_string(mode) + ";";
+    // Clients read which mode was asked for even when the sensor refuses it.
+    reply.note("hscanmode=" + std::to_string(mode) + ";");
     // Not checked here: the sensor refuses modes it does not know.
     imx.setScanMode(static_cast<utils::_hscan_modes_t>(mode));
-    return text;
+    return "";
 }
 
-std::string roiOffset(const IOIMX& imx, const Arguments&)
+std::string roiOffset(const IOIMX& imx, const Arguments&, RouteReplyBuilder&)
 {
     const auto [x, y] = imx.getROIXYOffset();
     return "ROI Offset = (" + std::to_string(x) + "," + std::to_string(y) + ")";
 }
 
-std::string setROIOffset(const IOIMX& imx, const Arguments& arguments)
+std::string setROIOffset(const IOIMX& imx, const Arguments& arguments, RouteReplyBuilder&)
 {
     const int x = std::stoi(arguments.at(0));
     const int y = std::stoi(arguments.at(1));
@@ -99,19 +102,19 @@ void K52CommandRouter::registerIMXCommands()
     registerRoutes({
         route("GetIMXSensorType", "Returns the IMX sensor type", none, {}, sensorType),
         route("GetIMXExposure", "Returns the IMX exposure", none, {},
-              [](const IOIMX& imx, const Arguments&) {
+              [](const IOIMX& imx, const Arguments&, RouteReplyBuilder&) {
                   return "Exposure = " + std::to_string(imx.getExposure()) + " us";
               }),
         route("SetIMXExposure", "Sets the IMX exposure", integer,
               {1, "No exposure value provided."}, setExposure),
         route("GetIMXTriggerMode", "Returns the IMX trigger mode", none, {},
-              [](const IOIMX& imx, const Arguments&) {
+              [](const IOIMX& imx, const Arguments&, RouteReplyBuilder&) {
                   return "Trigger Mode = " + std::to_string(imx.getTriggerMode());
               }),
         route("SetIMXTriggerMode", "Sets the IMX trigger mode", integer,
               {1, "No trigger mode value provided."}, setTriggerMode),
         route("GetIMXHalfScanMode", "Returns the IMX half-scan mode", none, {},
-              [](const IOIMX& imx, const Arguments&) {
+              [](const IOIMX& imx, const Arguments&, RouteReplyBuilder&) {
                   return "Half-Scan Mode = " + std::to_string(imx.getHalfScanMode());
               }),
         route("SetIMXHalfScanMode", "Sets the IMX half-scan mode", integer,

@@ -17,19 +17,21 @@ namespace {
 using Arguments = std::vector<std::string>;
 using utils::IOV4L2;
 
-using V4L2Body = std::function<RouteReply(const RouteReplyBuilder&, const Arguments&)>;
+// A body gets its call's own builder, to note text before the device call.
+using V4L2Body = std::function<RouteReply(RouteReplyBuilder&, const Arguments&)>;
 
 // A refusal of the V4L2 family travels as the library's runtime error, so clients see it as
 // ErrorRuntimeError with the reason directly followed by "Invalid arguments.".
-RouteReply invalidArguments(const RouteReplyBuilder& reply, const std::string& reason)
+[[noreturn]] void invalidArguments(RouteReplyBuilder& reply, const std::string& reason)
 {
-    const RouteReplyBuilder noted(reply.status(), reply.prefix() + reason);
-    return noted.guard([]() -> RouteReply { throw utils::UtilsRuntimeError("Invalid arguments."); });
+    reply.note(reason);
+    throw utils::UtilsRuntimeError("Invalid arguments.");
 }
 
 RouteHandler v4l2Route(const std::string& prefix, V4L2Body body)
 {
-    return [reply = RouteReplyBuilder("Error", prefix), body = std::move(body)](const Arguments& arguments) {
+    return [start = RouteReplyBuilder("Error", prefix), body = std::move(body)](const Arguments& arguments) {
+        RouteReplyBuilder reply = start;
         return reply.guard([&] { return body(reply, arguments); });
     };
 }
@@ -38,7 +40,8 @@ RouteHandler v4l2Route(const std::string& prefix, V4L2Body body)
 // the trailing s, so it stays.
 RouteHandler v4l2ControlRoute(const std::string& prefix, V4L2Body body)
 {
-    return [reply = RouteReplyBuilder("Error", prefix), body = std::move(body)](const Arguments& arguments) {
+    return [start = RouteReplyBuilder("Error", prefix), body = std::move(body)](const Arguments& arguments) {
+        RouteReplyBuilder reply = start;
         return reply.guard([&]() -> RouteReply {
             try {
                 return body(reply, arguments);
@@ -104,7 +107,7 @@ void K52CommandRouter::registerV4L2Commands()
     registerRoutes({
         {"GetV4L2CropCapabilities", "Gets the current crop capabilities", none,
          v4l2Route("GetV4L2CropCapabilities: ",
-                   [resources](const RouteReplyBuilder& reply, const Arguments&) {
+                   [resources](RouteReplyBuilder& reply, const Arguments&) {
                        const v4l2_cropcap capabilities = LockedV4L2(*resources)->getCropCapabilities();
                        return reply.ok("Crop Capabilities - Bounds: " +
                                        std::to_string(capabilities.bounds.width) + "x" +
@@ -114,11 +117,14 @@ void K52CommandRouter::registerV4L2Commands()
                    })},
         {"SetV4L2CropCapabilities", "Sets the V4L2 crop capabilities", bounds,
          v4l2Route("SetV4L2Crop: ",
-                   [resources](const RouteReplyBuilder& reply, const Arguments& arguments) {
+                   [resources](RouteReplyBuilder& reply, const Arguments& arguments) {
                        utils::IOV4L2Crop crop;
-                       std::string text = "No arguments provided, setting to default crop.";
-                       // An incomplete rectangle is no rectangle: the device's default applies.
-                       if (arguments.size() >= 4) {
+                       std::string text;
+                       // An incomplete rectangle is no rectangle: the device's default applies,
+                       // and the note stays in the reply even when the device then fails.
+                       if (arguments.size() < 4) {
+                           reply.note("No arguments provided, setting to default crop.");
+                       } else {
                            const auto value = [&arguments](size_t i) {
                                return static_cast<int32_t>(std::stol(arguments[i]));
                            };
@@ -136,7 +142,7 @@ void K52CommandRouter::registerV4L2Commands()
                    })},
         {"GetV4L2Format", "Gets the current V4L2 format", none,
          v4l2Route("GetV4L2Format: ",
-                   [resources](const RouteReplyBuilder& reply, const Arguments&) {
+                   [resources](RouteReplyBuilder& reply, const Arguments&) {
                        const v4l2_pix_format current = LockedV4L2(*resources)->getFormat();
                        return reply.ok("Current format: " + IOV4L2::fourccToString(current.pixelformat) +
                                        ", Resolution: " + std::to_string(current.width) + "x" +
@@ -144,9 +150,9 @@ void K52CommandRouter::registerV4L2Commands()
                    })},
         {"SetV4L2Format", "Sets the format and resolution", format,
          v4l2Route("SetV4L2Format: ",
-                   [resources](const RouteReplyBuilder& reply, const Arguments& arguments) {
+                   [resources](RouteReplyBuilder& reply, const Arguments& arguments) {
                        if (arguments.size() != 2)
-                           return invalidArguments(reply, "Invalid number of arguments, need fourcc and index.");
+                           invalidArguments(reply, "Invalid number of arguments, need fourcc and index.");
                        const auto fourcc = static_cast<uint32_t>(std::stoul(arguments[0]));
                        const auto index = static_cast<uint32_t>(std::stoul(arguments[1]));
                        LockedV4L2(*resources)->setFormat(fourcc, index);
@@ -155,9 +161,9 @@ void K52CommandRouter::registerV4L2Commands()
                    })},
         {"GetV4L2Ctrl", "Gets the current V4L2 control value", getControl,
          v4l2ControlRoute("GetV4L2Ctrl: ",
-                          [resources](const RouteReplyBuilder& reply, const Arguments& arguments) {
+                          [resources](RouteReplyBuilder& reply, const Arguments& arguments) {
                               if (arguments.size() != 1)
-                                  return invalidArguments(reply, "Invalid number of arguments, need only ID.");
+                                  invalidArguments(reply, "Invalid number of arguments, need only ID.");
                               const long id = std::stol(arguments[0]);
                               LockedV4L2 device(*resources);
                               const int32_t value = device->getCtrl(static_cast<uint32_t>(id));
@@ -168,16 +174,16 @@ void K52CommandRouter::registerV4L2Commands()
                           })},
         {"SetV4L2Ctrl", "Sets the V4L2 control value", setControl,
          v4l2ControlRoute("SetV4L2Ctrl: ",
-                          [resources](const RouteReplyBuilder& reply, const Arguments& arguments) {
+                          [resources](RouteReplyBuilder& reply, const Arguments& arguments) {
                               if (arguments.size() < 2)
-                                  return invalidArguments(reply, "Invalid number of arguments, need ID and value.");
+                                  invalidArguments(reply, "Invalid number of arguments, need ID and value.");
                               const long id = std::stol(arguments[0]);
                               const long value = std::stol(arguments[1]);
                               LockedV4L2 device(*resources);
                               const auto controls = device->getControls();
                               const utils::IOV4L2Control& control = controls.at(static_cast<uint32_t>(id));
                               if (value < control.query.minimum || value > control.query.maximum)
-                                  return invalidArguments(reply, "Invalid value range.");
+                                  invalidArguments(reply, "Invalid value range.");
                               device->setCtrl(static_cast<uint32_t>(id), static_cast<int32_t>(value));
                               return reply.ok("control_id=" + std::to_string(id) + " '" +
                                               controlName(control) + "' set to " + std::to_string(value));
