@@ -8,6 +8,7 @@ packages=(
   libtinyxml2-dev libisal-dev libsystemd-dev zlib1g-dev
   ocl-icd-opencl-dev opencl-headers pocl-opencl-icd
   libgtest-dev libgmock-dev libbenchmark-dev
+  clang libclang-rt-14-dev
   systemd
 )
 

@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Builds and runs every test: once in a normal build, once under AddressSanitizer and
-# UndefinedBehaviorSanitizer.
+# UndefinedBehaviorSanitizer; then the threaded suites under ThreadSanitizer, each fuzz target
+# for a bounded time and a two-minute soak of the daemon (docs/reliability.md).
+# K52_FUZZ_SECONDS (default 30) and K52_SOAK_MINUTES (default 2) change the last two.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
@@ -15,3 +17,33 @@ echo "== tests (AddressSanitizer + UndefinedBehaviorSanitizer)"
 scripts/build.sh build-asan -DK52_BUILD_TESTS=ON -DK52_SANITIZE=ON -DK52_BUILD_BENCH=OFF
 ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
   ctest --test-dir build-asan --output-on-failure -j "$jobs"
+
+echo "== threaded suites (ThreadSanitizer)"
+scripts/build.sh build-tsan -DK52_BUILD_TESTS=ON -DK52_TSAN=ON -DK52_BUILD_BENCH=OFF -- threaded_suites
+# Without ASLR: GCC 12's ThreadSanitizer cannot map its shadow under the kernel's wider
+# address randomization. Every report fails the test that caused it.
+TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
+  setarch "$(uname -m)" -R ctest --test-dir build-tsan -L threaded --output-on-failure -j "$jobs"
+
+echo "== fuzz targets (libFuzzer, ${K52_FUZZ_SECONDS:-30} s each)"
+CC=clang CXX=clang++ scripts/build.sh build-fuzz -DK52_FUZZ=ON -DK52_BUILD_TESTS=OFF \
+  -DK52_BUILD_BENCH=OFF -- fuzzers
+fuzz/make_corpus.py build-fuzz/corpus
+mkdir -p build-fuzz/artifacts
+for target in command_fuzzer config_fuzzer xmlblock_fuzzer ackframe_fuzzer \
+              framemessage_fuzzer descriptor_fuzzer; do
+  dict=()
+  [ "$target" = command_fuzzer ] && dict=(-dict=build-fuzz/corpus/command.dict)
+  log=build-fuzz/artifacts/$target.log
+  if ! build-fuzz/fuzz/$target "${dict[@]}" -max_total_time="${K52_FUZZ_SECONDS:-30}" -timeout=10 \
+      -rss_limit_mb=4096 -print_final_stats=1 -artifact_prefix=build-fuzz/artifacts/$target- \
+      build-fuzz/corpus/$target >"$log" 2>&1; then
+    tail -n 60 "$log"
+    echo "$target failed: the input is in build-fuzz/artifacts/" >&2
+    exit 1
+  fi
+  echo "$target: $(grep -E '^stat::number_of_executed_units' "$log")"
+done
+
+echo "== soak (${K52_SOAK_MINUTES:-2} min)"
+scripts/soak.py --build build --minutes "${K52_SOAK_MINUTES:-2}" --csv build/soak.csv
