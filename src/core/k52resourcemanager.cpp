@@ -106,8 +106,10 @@ void K52ResourceManager::initStaticFrames(const ConfigParser& config)
         std::lock_guard lock(getMutex(K52ResourceGroups::STATIC_FRAMES));
         utils::XMLBlockSerializer serializer(containers_->xmlBlock(), "device");
         for (const auto& [name, image] : staticFrames_) {
-            serializer.findOrCreateElement("/factory/static-files/" + name);
-            K52_LOG(info) << "K52ResourceManager: found static-file : " << name;
+            const std::string element = utils::XMLBlockSerializer::elementName(name);
+            serializer.findOrCreateElement("/factory/static-files/" + element);
+            K52_LOG(info) << "K52ResourceManager: found static-file : " << name
+                          << (element == name ? "" : " (listed as " + element + ")");
         }
         serializer.commit();
         containers_->updateChecksum(K52Container::XML);
@@ -180,7 +182,7 @@ void K52ResourceManager::initV4L2(const ConfigParser& config)
     serializer.insert(base + "/formats/count", static_cast<uint32_t>(formats.size()), true);
     for (const auto& format : formats) {
         std::string fourcc = utils::IOV4L2::fourccToString(format.description.pixelformat);
-        std::string path = base + "/formats/" + fourcc;
+        std::string path = base + "/formats/" + XMLBlockSerializer::elementName(fourcc);
         serializer.insert(path + "/description", format.description.description, true);
         serializer.insert(path + "/fourcc", uint32_t{format.description.pixelformat}, true);
         for (size_t j = 0; j < format.sizes.size(); ++j) {
@@ -208,7 +210,11 @@ void K52ResourceManager::initV4L2(const ConfigParser& config)
         serializer.insert(path + "/type", uint32_t{query.type}, true);
         for (const auto& entry : control.menu) {
             std::string item = path + "/menu/index-" + std::to_string(entry.index);
-            serializer.insert(item + "/name", entry.name, true);
+            // An integer menu's entry holds a 64-bit value where other menus hold the name.
+            if (query.type == V4L2_CTRL_TYPE_INTEGER_MENU)
+                serializer.insert(item + "/name", int64_t{entry.value}, true);
+            else
+                serializer.insert(item + "/name", entry.name, true);
             serializer.insert(item + "/reserved", uint32_t{entry.reserved}, true);
         }
         K52_LOG(info) << "V4L2 Control '" << XMLBlockSerializer::to_string(query.name) << "' loaded.";

@@ -98,6 +98,9 @@ TEST_F(IOV4L2Test, DescribesAStreamingCaptureDevice)
     }
     EXPECT_EQ(listed, (std::vector<std::string>{"GREY", "640x480", "1456x1088", "2472x2064", "RGB3",
                                                 "640x480", "1456x1088", "2472x2064"}));
+    // The code is four characters, blanks included; the big-endian flag is no part of it.
+    EXPECT_EQ(IOV4L2::fourccToString(V4L2_PIX_FMT_Y10), "Y10 ");
+    EXPECT_EQ(IOV4L2::fourccToString(V4L2_PIX_FMT_Y16_BE), "Y16 ");
 }
 
 TEST_F(IOV4L2Test, FormatsPadRowsToSixtyFourBytes)
@@ -156,6 +159,7 @@ TEST_F(IOV4L2Test, ListsControlsWithCategoriesAndMenus)
         {V4L2_CID_EXPOSURE_AUTO, "Auto Exposure", "menu", "camera", 0, 3, {0, 1, 3}},
         {V4L2_CID_IMAGE_PROC_CLASS, "Image Processing Controls", "ctrl-class", "image-processing",
          0, 0, {}},
+        {V4L2_CID_LINK_FREQ, "Link Frequency", "integer-menu", "image-processing", 0, 1, {0, 1}},
         {V4L2_CID_TEST_PATTERN, "Test Pattern", "menu", "image-processing", 0, 3, {0, 1, 2, 3}},
     };
     IOV4L2 camera(device);
@@ -178,6 +182,7 @@ TEST_F(IOV4L2Test, ListsControlsWithCategoriesAndMenus)
     }
     EXPECT_STREQ(reinterpret_cast<const char*>(controls.at(V4L2_CID_TEST_PATTERN).menu[3].name),
                  "Flat Field");
+    EXPECT_EQ(controls.at(V4L2_CID_LINK_FREQ).menu[0].value, 594000000);
 }
 
 TEST_F(IOV4L2Test, SetsControlsWithinTheirRange)
@@ -196,6 +201,7 @@ TEST_F(IOV4L2Test, SetsControlsWithinTheirRange)
         {V4L2_CID_EXPOSURE_AUTO, 3, nullptr},
         {V4L2_CID_EXPOSURE_AUTO, 2, "Invalid argument"}, // a skipped menu entry
         {V4L2_CID_CAMERA_CLASS, 0, "Permission denied"},
+        {V4L2_CID_LINK_FREQ, 1, "Permission denied"}, // read-only
         {0x00980999, 0, "Invalid argument"},
     };
     IOV4L2 camera(device);
@@ -295,8 +301,9 @@ TEST_F(IOV4L2Test, StreamsPaddedFramesWithAnAdvancingCounter)
             const uint32_t counter = le32(frame.bytes.data());
             EXPECT_EQ(counter, frame.sequence);
             EXPECT_EQ(le32(frame.bytes.data() + 4), ~counter);
-            if (previous)
+            if (previous) {
                 EXPECT_GT(counter, *previous);
+            }
             previous = counter;
             const uint8_t* lastRow = frame.bytes.data() + size_t(c.height - 1) * c.stride;
             for (uint32_t pad = c.width * c.channels; pad < c.stride; ++pad)
@@ -304,9 +311,10 @@ TEST_F(IOV4L2Test, StreamsPaddedFramesWithAnAdvancingCounter)
             const uint8_t* middle = frame.bytes.data() + size_t(c.height / 2) * c.stride;
             if (i == 0)
                 firstMiddleRow.assign(middle, middle + c.width * c.channels);
-            else if (i == 1)
+            else if (i == 1) {
                 EXPECT_NE(std::memcmp(firstMiddleRow.data(), middle, firstMiddleRow.size()), 0)
                     << "the marker did not move";
+            }
         }
         camera.unmapBuffers();
         EXPECT_FALSE(camera.isStreaming());

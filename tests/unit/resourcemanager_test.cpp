@@ -2,12 +2,15 @@
 #include "k52app/configparser.h"
 #include "support/emulatedconfig.h"
 #include "support/syslogcapture.h"
+#include "support/tempdir.h"
 #include "utils/base/exceptions.h"
 #include "utils/platform/kernel.h"
 
 #include <gtest/gtest.h>
 #include <tinyxml2.h>
 #include <zlib.h>
+
+#include <iconv.h>
 
 #include <cstring>
 #include <filesystem>
@@ -56,9 +59,25 @@ bool logged(const k52test::SyslogCapture& capture, const std::string& text)
     return false;
 }
 
+bool validUtf8(std::string text)
+{
+    iconv_t converter = iconv_open("UTF-8", "UTF-8");
+    std::string out(text.size(), '\0');
+    char* in = text.data();
+    char* to = out.data();
+    size_t inLeft = text.size(), outLeft = out.size();
+    const bool valid = iconv(converter, &in, &inLeft, &to, &outLeft) != size_t(-1);
+    iconv_close(converter);
+    return valid;
+}
+
 TEST(ResourceManager, PublishesTheEmulatedBoardInTheXmlContainer)
 {
-    Daemon daemon;
+    // Names that cannot be elements must not cost the document what it already holds.
+    k52test::TempDir frames("k52frames");
+    for (const char* name : {"2 bars.pgm", "a&b.pgm", "gradient.pgm"})
+        frames.writeFile(name, "P5\n1 1\n255\nx");
+    Daemon daemon({{"static-files", frames.path()}});
     K52ResourceManager resources(*daemon.parser);
 
     std::string file = readFile(daemon.config.containerDir() + "k52XMLContainer");
@@ -67,8 +86,14 @@ TEST(ResourceManager, PublishesTheEmulatedBoardInTheXmlContainer)
     EXPECT_EQ(word(file, 229372), static_cast<uint32_t>(crc));
 
     tinyxml2::XMLDocument document;
-    ASSERT_EQ(document.Parse(file.c_str() + 16), tinyxml2::XML_SUCCESS);
-    auto* v4l2 = document.RootElement()->FirstChildElement("factory")->FirstChildElement("v4l2");
+    const std::string text(file.c_str() + 16);
+    EXPECT_TRUE(validUtf8(text));
+    ASSERT_EQ(document.Parse(text.c_str()), tinyxml2::XML_SUCCESS);
+    auto* factory = document.RootElement()->FirstChildElement("factory");
+    auto* name = factory->FirstChildElement("name");
+    ASSERT_TRUE(name) << "the document lost what it held";
+    EXPECT_STREQ(name->GetText(), "k52app");
+    auto* v4l2 = factory->FirstChildElement("v4l2");
     ASSERT_TRUE(v4l2);
     EXPECT_STREQ(v4l2->FirstChildElement("capabilities")->FirstChildElement("driver")->GetText(),
                  reinterpret_cast<const char*>(resources.v4l2().getCapabilities().driver));
@@ -102,7 +127,7 @@ TEST(ResourceManager, PublishesTheEmulatedBoardInTheXmlContainer)
         EXPECT_STREQ(element->FirstChildElement("name")->GetText(),
                      reinterpret_cast<const char*>(control.query.name));
         EXPECT_EQ(element->FirstChildElement("max")->IntText(), control.query.maximum);
-        if (!control.menu.empty()) {
+        if (control.query.type == V4L2_CTRL_TYPE_MENU) {
             sawMenu = true;
             auto* menu = element->FirstChildElement("menu");
             ASSERT_TRUE(menu);
@@ -115,23 +140,25 @@ TEST(ResourceManager, PublishesTheEmulatedBoardInTheXmlContainer)
         }
     }
     EXPECT_TRUE(sawMenu) << "the emulated sensor offers a menu control";
+    // An integer menu's entries are its values in decimal, not the bytes that share their storage.
+    tinyxml2::XMLHandle frequencies = tinyxml2::XMLHandle(controlsElement)
+                                          .FirstChildElement(("id-" + std::to_string(V4L2_CID_LINK_FREQ)).c_str())
+                                          .FirstChildElement("menu");
+    for (auto [index, value] : {std::pair{"index-0", "594000000"}, {"index-1", "297000000"}}) {
+        auto* entry = frequencies.FirstChildElement(index).FirstChildElement("name").ToElement();
+        ASSERT_TRUE(entry) << index;
+        EXPECT_STREQ(entry->GetText(), value);
+    }
 
-    // Static files: one empty element per image file of the directory, in name order.
-    std::vector<std::string> expected;
-    for (const auto& entry : std::filesystem::directory_iterator(daemon.config.values().at("static-files")))
-        if (entry.path().extension() == ".pgm" || entry.path().extension() == ".ppm")
-            expected.push_back(entry.path().filename());
-    std::sort(expected.begin(), expected.end());
-    ASSERT_FALSE(expected.empty());
+    // Static files: one empty element per image, in file-name order.
     std::vector<std::string> listed;
-    auto* staticFiles = document.RootElement()->FirstChildElement("factory")->FirstChildElement("static-files");
-    ASSERT_TRUE(staticFiles);
+    auto* staticFiles = factory->FirstChildElement("static-files");
     for (auto* e = staticFiles->FirstChildElement(); e; e = e->NextSiblingElement()) {
         listed.push_back(e->Name());
         EXPECT_FALSE(e->FirstChild());
     }
-    EXPECT_EQ(listed, expected);
-    EXPECT_EQ(resources.staticFrames().size(), expected.size());
+    EXPECT_EQ(listed, (std::vector<std::string>{"_x32__x20_bars.pgm", "a_x26_b.pgm", "gradient.pgm"}));
+    EXPECT_EQ(resources.staticFrames().size(), 3u);
 }
 
 TEST(ResourceManager, ToleratedInitialisationFailuresAreLoggedAndStartUpGoesOn)

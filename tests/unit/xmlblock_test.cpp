@@ -146,6 +146,41 @@ TEST_F(XmlBlockTest, WalksFollowTheirOwnRules)
     }
 }
 
+// A name that cannot be an element is published in its escaped form; the raw name never reaches
+// the block, where the next parse would reject the document and start a fresh one.
+TEST_F(XmlBlockTest, ElementNamesSurviveTheNextParse)
+{
+    const std::pair<const char*, const char*> cases[] = {
+        {"gradient-640x480.pgm", "gradient-640x480.pgm"},
+        {"_x20_\xc3\xa9t\xc3\xa9.pgm", "_x20_\xc3\xa9t\xc3\xa9.pgm"}, // valid names stay as they are
+        {"2 bars.pgm", "_x32__x20_bars.pgm"},
+        {"a&b.pgm", "a_x26_b.pgm"},
+        {"Y10 ", "Y10_x20_"},
+        {"-x:y", "_x2D_x_x3A_y"},
+        {"\xff\xc3.pgm\xc3\x97", "_xFF__xC3_.pgm_xC3__x97_"}, // not UTF-8; U+00D7 is no name character
+    };
+    const std::string kept = "<device><kept/></device>";
+    for (const auto& [name, published] : cases) {
+        SCOPED_TRACE(name);
+        EXPECT_EQ(XMLBlockSerializer::elementName(name), published);
+        store(kept);
+        if (std::string(name) != published) {
+            XMLBlockSerializer serializer(*block, "device");
+            serializer.findOrCreateElement(std::string("/f/") + name);
+            EXPECT_THROW(serializer.commit(), utils::UtilsRuntimeError);
+            EXPECT_EQ(text(), kept);
+        }
+        {
+            XMLBlockSerializer serializer(*block, "device");
+            serializer.findOrCreateElement(std::string("/f/") + published);
+            serializer.commit();
+        }
+        XMLBlockSerializer reread(*block, "fresh");
+        EXPECT_STREQ(reread.findElement("/kept")->Name(), "kept");
+        EXPECT_STREQ(reread.findElement(std::string("/f/") + published)->Name(), published);
+    }
+}
+
 TEST_F(XmlBlockTest, DocumentWithoutElementGivesNullAndRefusesInsert)
 {
     store("<!-- only a comment -->");

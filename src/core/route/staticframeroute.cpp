@@ -3,9 +3,11 @@
 #include "core/middleware/capture.h"
 #include "k52app/logrecord.h"
 #include "utils/base/exceptions.h"
+#include "utils/container/xmlblockserializer.h"
 
 #include <linux/videodev2.h>
 
+#include <algorithm>
 #include <cstring>
 #include <mutex>
 #include <string>
@@ -46,11 +48,25 @@ uint32_t checksumOf(const FrameArea& frame)
     return checksum;
 }
 
+// Frames are asked for by the name the XML document lists (a file name that cannot be an
+// element is listed escaped); the file name itself is accepted too.
+std::string listedName(const std::string& file) { return utils::XMLBlockSerializer::elementName(file); }
+
+K52ResourceManager::StaticFrameMap::const_iterator findFrame(const K52ResourceManager::StaticFrameMap& frames,
+                                                            const std::string& name)
+{
+    const auto exact = frames.find(name);
+    if (exact != frames.end())
+        return exact;
+    return std::find_if(frames.begin(), frames.end(),
+                        [&](const auto& frame) { return listedName(frame.first) == name; });
+}
+
 std::string frameNames(const K52ResourceManager::StaticFrameMap& frames)
 {
     std::string names;
     for (const auto& [name, image] : frames)
-        names += (names.empty() ? "" : ", ") + name;
+        names += (names.empty() ? "" : ", ") + listedName(name);
     return names.empty() ? "none" : names;
 }
 
@@ -61,7 +77,7 @@ void K52CommandRouter::registerStaticFrameCommands()
     K52ResourceManager* resources = &resources_;
     std::vector<std::string> choices;
     for (const auto& [name, image] : resources_.staticFrames())
-        choices.push_back(name);
+        choices.push_back(listedName(name));
     // The names are listed for help only: an unknown name gets the route's own answer.
     const utils::SpinnerMetaData frameName{{{"frame_name", "the name of the static frame in XML descriptor",
                                              utils::SpinnerArgumentType::categorical, choices, {},
@@ -74,7 +90,7 @@ void K52CommandRouter::registerStaticFrameCommands()
             std::lock_guard containerLock(resources->getMutex(K52ResourceGroups::GENERAL_CONTAINER));
             std::lock_guard framesLock(resources->getMutex(K52ResourceGroups::STATIC_FRAMES));
             const auto& frames = resources->staticFrames();
-            const auto found = frames.find(name);
+            const auto found = findFrame(frames, name);
             if (found == frames.end())
                 return reply.refuse("Unknown static frame '" + name + "' (available: " +
                                     frameNames(frames) + ").");

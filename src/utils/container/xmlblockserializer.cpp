@@ -2,6 +2,8 @@
 
 #include <tinyxml2.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <iostream>
 #include <sstream>
@@ -20,6 +22,67 @@ std::vector<std::string> pathSegments(const std::string& path)
             segments.push_back(segment);
     }
     return segments;
+}
+
+struct CodeRange {
+    char32_t first, last;
+};
+
+// XML 1.0 name characters without ':', which namespace-aware readers give a meaning of its own.
+constexpr CodeRange nameStartRanges[] = {
+    {'A', 'Z'},       {'_', '_'},       {'a', 'z'},       {0xC0, 0xD6},     {0xD8, 0xF6},
+    {0xF8, 0x2FF},    {0x370, 0x37D},   {0x37F, 0x1FFF},  {0x200C, 0x200D}, {0x2070, 0x218F},
+    {0x2C00, 0x2FEF}, {0x3001, 0xD7FF}, {0xF900, 0xFDCF}, {0xFDF0, 0xFFFD}, {0x10000, 0xEFFFF},
+};
+constexpr CodeRange nameOnlyRanges[] = {
+    {'-', '.'}, {'0', '9'}, {0xB7, 0xB7}, {0x300, 0x36F}, {0x203F, 0x2040},
+};
+
+template <std::size_t N>
+bool within(const CodeRange (&ranges)[N], char32_t code)
+{
+    return std::any_of(ranges, ranges + N,
+                       [code](const CodeRange& range) { return code >= range.first && code <= range.last; });
+}
+
+struct CodePoint {
+    char32_t value;
+    std::size_t length; // 0: the bytes are no well-formed UTF-8
+};
+
+CodePoint decodeUtf8(const std::string& text, std::size_t at)
+{
+    const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+    const unsigned char lead = byte(at);
+    if (lead < 0x80)
+        return {lead, 1};
+    const std::size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : lead >= 0xC0 ? 2 : 0;
+    if (length == 0 || lead > 0xF4 || at + length > text.size())
+        return {0, 0};
+    char32_t value = lead & (0x7F >> length);
+    for (std::size_t i = 1; i < length; ++i) {
+        if ((byte(at + i) & 0xC0) != 0x80)
+            return {0, 0};
+        value = value << 6 | (byte(at + i) & 0x3F);
+    }
+    // Overlong forms, surrogates and values past the last code point are no characters.
+    constexpr char32_t shortest[] = {0, 0, 0x80, 0x800, 0x10000};
+    if (value < shortest[length] || value > 0x10FFFF || (value >= 0xD800 && value <= 0xDFFF))
+        return {0, 0};
+    return {value, length};
+}
+
+// The first element from `element` on, its siblings and their descendants included, whose name
+// is not an element name.
+const tinyxml2::XMLElement* firstBadlyNamed(const tinyxml2::XMLElement* element)
+{
+    for (; element; element = element->NextSiblingElement()) {
+        if (!XMLBlockSerializer::isElementName(element->Name()))
+            return element;
+        if (const auto* bad = firstBadlyNamed(element->FirstChildElement()))
+            return bad;
+    }
+    return nullptr;
 }
 
 } // namespace
@@ -80,8 +143,40 @@ void XMLBlockSerializer::setText(const std::string& path, const std::string& tex
     element->SetText(text.c_str());
 }
 
+std::string XMLBlockSerializer::elementName(const std::string& text)
+{
+    std::string name;
+    for (std::size_t at = 0; at < text.size();) {
+        const auto [code, length] = decodeUtf8(text, at);
+        const bool fits =
+            length && (within(nameStartRanges, code) || (!name.empty() && within(nameOnlyRanges, code)));
+        const std::size_t taken = length ? length : 1;
+        if (fits) {
+            name.append(text, at, taken);
+        } else {
+            for (std::size_t i = at; i < at + taken; ++i) {
+                char escaped[6];
+                std::snprintf(escaped, sizeof escaped, "_x%02X_", static_cast<unsigned char>(text[i]));
+                name += escaped;
+            }
+        }
+        at += taken;
+    }
+    return name;
+}
+
+bool XMLBlockSerializer::isElementName(const std::string& text)
+{
+    return !text.empty() && elementName(text) == text;
+}
+
 void XMLBlockSerializer::commit()
 {
+    // The next parse would reject such a name and start a fresh document: refuse it here, where
+    // the block still holds everything.
+    if (const auto* bad = firstBadlyNamed(document_->FirstChildElement()))
+        throw UtilsRuntimeError("XML element name '" + std::string(bad->Name()) +
+                                "' is not valid (publish it as '" + elementName(bad->Name()) + "')");
     printer_->ClearBuffer();
     document_->Print(printer_.get());
     const auto length = static_cast<std::size_t>(printer_->CStrSize() - 1);
@@ -110,6 +205,7 @@ std::string XMLBlockSerializer::to_string<unsigned char[32]>(const unsigned char
 
 template std::string XMLBlockSerializer::to_string<int32_t>(const int32_t&);
 template std::string XMLBlockSerializer::to_string<uint32_t>(const uint32_t&);
+template std::string XMLBlockSerializer::to_string<int64_t>(const int64_t&);
 template std::string XMLBlockSerializer::to_string<uint64_t>(const uint64_t&);
 
 } // namespace utils

@@ -49,12 +49,21 @@ public:
 
     // The text an output string stream gives for `value`; a 32-byte unsigned char array (a V4L2
     // name field) reads as a C string up to its first zero byte. Defined for int32_t, uint32_t,
-    // uint64_t and unsigned char[32].
+    // int64_t, uint64_t and unsigned char[32].
     template <typename T>
     static std::string to_string(const T& value);
 
+    // Whether `text` is an element name that every XML reader accepts, namespace-aware ones
+    // included: an XML name in UTF-8 without ':'.
+    static bool isElementName(const std::string& text);
+    // The element name under which `text` (a file name, a fourcc) is published: `text` itself
+    // when it is a name; otherwise every byte that cannot stand where it is becomes "_xHH_" (two
+    // upper-case hexadecimal digits), so "2 bars.pgm" becomes "_x32__x20_bars.pgm".
+    static std::string elementName(const std::string& text);
+
     // Prints the document into the block and zeroes the rest of it. Throws UtilsOutOfRangeError
-    // when the text and its terminating zero do not fit; the block is then left as it was.
+    // when the text and its terminating zero do not fit, and UtilsRuntimeError when an element
+    // has a name that is not isElementName(); the block is then left as it was.
     void commit();
 
 private:
@@ -69,6 +78,7 @@ template <>
 std::string XMLBlockSerializer::to_string<unsigned char[32]>(const unsigned char (&value)[32]);
 extern template std::string XMLBlockSerializer::to_string<int32_t>(const int32_t&);
 extern template std::string XMLBlockSerializer::to_string<uint32_t>(const uint32_t&);
+extern template std::string XMLBlockSerializer::to_string<int64_t>(const int64_t&);
 extern template std::string XMLBlockSerializer::to_string<uint64_t>(const uint64_t&);
 
 } // namespace utils

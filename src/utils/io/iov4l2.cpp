@@ -350,10 +350,9 @@ const uint8_t* IOV4L2::bufferData(const v4l2_buffer& buffer) const
 std::string IOV4L2::fourccToString(uint32_t fourcc)
 {
     std::string text;
+    // Bit 31 marks the big-endian variant of a format; it is not part of the fourth character.
     for (int shift = 0; shift < 32; shift += 8)
         text += static_cast<char>((fourcc >> shift) & (shift == 24 ? 0x7f : 0xff));
-    if (fourcc & (1u << 31)) // big-endian variant of the format
-        text += "-BE";
     return text;
 }
 

@@ -83,6 +83,8 @@ public:
     template <typename Handler>
     void awaitFrameMap(int timeoutMs, Handler&& handler);
 
+    // The four-character code, blanks included ("Y10 "); a big-endian variant reads as its
+    // little-endian sibling ("Y16 " for Y16_BE).
     static std::string fourccToString(uint32_t fourcc);
     // Bytes per pixel of a packed format; throws UtilsRuntimeError for formats it cannot size.
     static uint32_t channels(uint32_t fourcc);

@@ -68,12 +68,13 @@ struct ControlSpec {
     int32_t defaultValue;
     uint32_t flags;
     std::array<const char*, 4> menu; // by menu index; null marks an index the device skips
+    std::array<int64_t, 2> integerMenu{}; // the values of an integer menu, by index
 };
 
 constexpr uint32_t classFlags = V4L2_CTRL_FLAG_READ_ONLY | V4L2_CTRL_FLAG_WRITE_ONLY;
 
 // In ascending id, as the NEXT_CTRL enumeration walks them.
-constexpr std::array<ControlSpec, 9> controlSpecs{{
+constexpr std::array<ControlSpec, 10> controlSpecs{{
     {V4L2_CID_USER_CLASS, V4L2_CTRL_TYPE_CTRL_CLASS, "User Controls", 0, 0, 0, 0, classFlags, {}},
     {V4L2_CID_BRIGHTNESS, V4L2_CTRL_TYPE_INTEGER, "Brightness", -64, 64, 1, 0, 0, {}},
     {V4L2_CID_GAIN, V4L2_CTRL_TYPE_INTEGER, "Gain", 0, 24, 1, 0, 0, {}},
@@ -85,6 +86,9 @@ constexpr std::array<ControlSpec, 9> controlSpecs{{
      {"Auto Mode", "Manual Mode", nullptr, "Aperture Priority Mode"}},
     {V4L2_CID_IMAGE_PROC_CLASS, V4L2_CTRL_TYPE_CTRL_CLASS, "Image Processing Controls", 0, 0, 0,
      0, classFlags, {}},
+    // The sensor's data-lane frequencies in Hz, as sensor drivers report them.
+    {V4L2_CID_LINK_FREQ, V4L2_CTRL_TYPE_INTEGER_MENU, "Link Frequency", 0, 1, 1, 0,
+     V4L2_CTRL_FLAG_READ_ONLY, {}, {594000000, 297000000}},
     {V4L2_CID_TEST_PATTERN, V4L2_CTRL_TYPE_MENU, "Test Pattern", 0, 3, 1, gradient, 0,
      {"Gradient", "Color Bars", "Checkerboard", "Flat Field"}},
 }};
@@ -611,11 +615,16 @@ int V4L2Sensor::queryControl(v4l2_queryctrl& query) const
 int V4L2Sensor::queryMenu(v4l2_querymenu& entry) const
 {
     const ControlSpec* described = findControl(entry.id);
-    if (!described || described->type != V4L2_CTRL_TYPE_MENU || entry.index < uint32_t(described->minimum) ||
-        entry.index > uint32_t(described->maximum) || !described->menu[entry.index])
+    const bool integerMenu = described && described->type == V4L2_CTRL_TYPE_INTEGER_MENU;
+    if (!described || (described->type != V4L2_CTRL_TYPE_MENU && !integerMenu) ||
+        entry.index < uint32_t(described->minimum) || entry.index > uint32_t(described->maximum) ||
+        (!integerMenu && !described->menu[entry.index]))
         return fail(EINVAL);
     entry.reserved = 0;
-    copyText(entry.name, sizeof(entry.name), described->menu[entry.index]);
+    if (integerMenu)
+        entry.value = described->integerMenu[entry.index];
+    else
+        copyText(entry.name, sizeof(entry.name), described->menu[entry.index]);
     return 0;
 }
 
