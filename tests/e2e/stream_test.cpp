@@ -1,8 +1,9 @@
 // Frame streams end to end: the real daemon on the emulated board, a control client that starts
 // and stops streams, and a stream client that checks every frame against zlib and the sensor's
 // frame counter. Covers stopping by command (several workers) and by disconnect (one worker),
-// a refused second stream, rate notices and SIGTERM mid-stream.
+// a refused second stream, the descriptor asked for mid-stream, rate notices and SIGTERM.
 #include "client/connection.h"
+#include "client/descriptor.h"
 #include "client/framestream.h"
 #include "client/notice.h"
 #include "support/daemonprocess.h"
@@ -16,6 +17,7 @@
 #include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <mutex>
 #include <regex>
 #include <thread>
@@ -196,10 +198,25 @@ TEST(Stream, StopByCommandWithSeveralWorkers)
     EXPECT_GE(reports, int(seconds / 0.25) - 3) << seconds << " s";
     EXPECT_LE(reports, int(seconds / 0.25) + 1) << seconds << " s";
 
-    // Neither the frame area nor the stream socket stays locked: the next stream runs.
+    // Neither the frame area nor the stream socket stays locked: the next stream runs. The
+    // descriptor asked for meanwhile rewrites device records that every frame's checksum covers;
+    // frames on the wire and the frame in the file still match their checksums, also once
+    // frames no longer go over the wire and so no longer rewrite the file.
     reader.expectRestart();
     control.send("CaptureStreamStart GREY 1");
     ASSERT_TRUE(reader.waitForMore(3)) << reader.failure();
+    for (int led = 0; led < 32; ++led) {
+        if (led == 31)
+            control.command("SetCaptureStreamOverWire 0");
+        control.command("SetRTUStatusLED " + std::to_string(led));
+        k52client::fetchXmlDescriptor(control);
+    }
+    std::ifstream file(daemon.config().containerDir() + "k52generalContainer", std::ios::binary);
+    const std::string general{std::istreambuf_iterator<char>(file), {}};
+    const auto* bytes = reinterpret_cast<const uint8_t*>(general.data());
+    const uint32_t used = word(bytes, 4), crc = uint32_t(crc32(0, bytes, used - 4));
+    EXPECT_EQ(word(bytes, used - 4), crc);
+    EXPECT_EQ(word(bytes, general.size() - 4), crc);
     control.send("CaptureStreamStop");
     awaitAcknowledgement(control, "Capture Stream finished.", notices);
     EXPECT_EQ(reader.failure(), "");

@@ -16,6 +16,8 @@
 #include <cstring>
 #include <filesystem>
 #include <numeric>
+#include <thread>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -214,7 +216,7 @@ TEST_F(AcceleratedProcessingTest, AverageIntensityIsLoggedWithItsCategory)
     }
 }
 
-TEST_F(AcceleratedProcessingTest, EnableRulesAndDisableResetsTheRegion)
+TEST_F(AcceleratedProcessingTest, EnableRulesAndFramesTheRegionDoesNotFit)
 {
     const auto region = [&] {
         const Region r = gpu().region();
@@ -233,13 +235,52 @@ TEST_F(AcceleratedProcessingTest, EnableRulesAndDisableResetsTheRegion)
     EXPECT_THROW(gpu().enable(kernelFile, "noSuchKernel", 0, 10, 0, 10), utils::UtilsRuntimeError);
     EXPECT_FALSE(gpu().isEnabled());
 
-    // A short frame is refused before the device sees it.
-    gpu().enable(kernelFile, "sobelFilter", 0, 64, 0, 16);
-    const Image shortFrame(64 * 15);
-    auto frameArea = area();
-    EXPECT_THROW(gpu().processFrame(shortFrame.data(), uint32_t(shortFrame.size()), greyFormat(64, 16),
-                                    frameArea),
-                 utils::UtilsRuntimeError);
+    // Frames are refused before a byte is read when short or when the region, checked against
+    // the 1456x1088 format of its time, does not lie inside them.
+    gpu().enable(kernelFile, "processImage", 0, 100, 600, 1000);
+    const std::tuple<uint32_t, uint32_t, uint32_t, std::string> frames[] = {
+        {100, 1000, 100 * 399, "invalid frame buffer size."},
+        {640, 480, 640 * 480, "the processing region of 100x400 at (0, 600) does not lie inside the 640x480 frame."},
+        {99, 1000, 99 * 1000, "the processing region of 100x400 at (0, 600) does not lie inside the 99x1000 frame."},
+    };
+    for (const auto& [width, height, usedSize, error] : frames) {
+        const Image frame(usedSize);
+        auto frameArea = area();
+        try {
+            gpu().processFrame(frame.data(), usedSize, greyFormat(width, height), frameArea);
+            ADD_FAILURE() << "processed " << width << "x" << height;
+        } catch (const utils::UtilsRuntimeError& e) {
+            EXPECT_EQ(e.what(), error);
+        }
+    }
+    // A stream at 640x480 ends with that error as the route's answer.
+    const k52app::RouteReply failed{"ErrorRuntimeError", "CaptureStart: " + std::get<3>(frames[1])};
+    EXPECT_EQ(h.run("CaptureStreamStart GREY 0"), failed);
+    h.run("CaptureStreamStop");
+}
+
+// Switching the path on and off while frames arrive: each frame is processed with one whole
+// region or copied plainly, and stays framed. Run under ThreadSanitizer as well.
+TEST_F(AcceleratedProcessingTest, SwitchingWhileFramesArrive)
+{
+    h.capture->startAquisition(V4L2_PIX_FMT_GREY, 0, 4, v4l2_rect{}, utils::IORTUTriggerMode::continuous);
+    std::atomic<bool> done{false};
+    std::thread snapshots([&] {
+        for (int frame = 0; frame < 20 && !HasFailure(); ++frame) {
+            h.capture->snapshotFrame(2000);
+            const uint32_t n = word(container(), 4) - 2248;
+            EXPECT_TRUE(n == 640 * 480 || n == 320 * 240) << n;
+            EXPECT_EQ(word(container(), 2244 + n), uint32_t(crc32(0, container(), uInt(2244 + n))));
+        }
+        done = true;
+    });
+    for (int i = 0; !done; ++i) {
+        gpu().enable(kernelFile, i % 2 ? "sobelFilter" : "processImage", 0, 640 >> (i % 2), 0, 480 >> (i % 2));
+        std::this_thread::sleep_for(std::chrono::milliseconds(i % 7));
+        gpu().disable();
+    }
+    snapshots.join();
+    h.capture->stopAquisition();
 }
 
 // The route picks the kernel by mode; frames of the emulated sensor's Flat Field then run

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <string>
 
 namespace k52app {
 
@@ -27,6 +28,7 @@ AcceleratedProcessing::AcceleratedProcessing(utils::IOOpenCL& openCL, utils::IOV
 void AcceleratedProcessing::enable(const std::string& kernelFile, const std::string& kernelName,
                                    int32_t p1, int32_t p2, int32_t p3, int32_t p4)
 {
+    std::lock_guard lock(mutex_);
     if (isEnabled())
         throw utils::UtilsException("Accelerated Proccessing is already enabled.");
     // The route's help calls the values left, top, width, height; clients send x and y ranges.
@@ -49,13 +51,25 @@ void AcceleratedProcessing::enable(const std::string& kernelFile, const std::str
 
 void AcceleratedProcessing::disable()
 {
+    std::lock_guard lock(mutex_);
     enabled_.store(0);
     region_ = Region{};
 }
 
-void AcceleratedProcessing::processFrame(const uint8_t* frame, uint32_t usedSize,
+AcceleratedProcessing::Region AcceleratedProcessing::region() const
+{
+    std::lock_guard lock(mutex_);
+    return region_;
+}
+
+bool AcceleratedProcessing::processFrame(const uint8_t* frame, uint32_t usedSize,
                                          const v4l2_pix_format& format, FrameArea& area)
 {
+    if (!isEnabled())
+        return false;
+    std::lock_guard lock(mutex_);
+    if (!isEnabled())
+        return false; // disabled while this frame waited
     const uint32_t pixelFormat = PixelFomatMap.at(format.pixelformat);
     const uint32_t channels = utils::IOV4L2::channels(format.pixelformat);
     const uint32_t stride = format.height == 0 ? 0 : usedSize / format.height;
@@ -64,6 +78,14 @@ void AcceleratedProcessing::processFrame(const uint8_t* frame, uint32_t usedSize
     const uint32_t rows = hasRegion ? uint32_t(region_.height) : format.height;
     if (usedSize < uint64_t(format.width) * rows)
         throw utils::UtilsRuntimeError("invalid frame buffer size.");
+    // The region was checked against the format of its time; a stream may run at a smaller one.
+    if (uint64_t(region_.left) + std::max(region_.width, 0) > std::min(format.width, rowPixels) ||
+        uint64_t(region_.top) + std::max(region_.height, 0) > format.height)
+        throw utils::UtilsRuntimeError(
+            "the processing region of " + std::to_string(region_.width) + "x" +
+            std::to_string(region_.height) + " at (" + std::to_string(region_.left) + ", " +
+            std::to_string(region_.top) + ") does not lie inside the " +
+            std::to_string(format.width) + "x" + std::to_string(format.height) + " frame.");
 
     const uint32_t width = uint32_t(std::max(region_.width, 0));
     const uint32_t height = uint32_t(std::max(region_.height, 0));
@@ -94,6 +116,7 @@ void AcceleratedProcessing::processFrame(const uint8_t* frame, uint32_t usedSize
                   << intensityCategory(uint8_t(intensity));
 
     area.finish();
+    return true;
 }
 
 void AcceleratedProcessing::cropAndNormalise(const uint8_t* frame, uint32_t rowPixels,

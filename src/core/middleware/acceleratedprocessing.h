@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -22,8 +23,9 @@ class FrameArea;
 // height) whose output becomes the frame data. The first output byte is the region's average
 // intensity, logged with a good/bad category.
 //
-// enable() and disable() run on a worker while a stream may run on another; the flag is read
-// once per frame. The region and the device buffers change only while no stream runs.
+// enable() and disable() run on a worker while a stream may run on another. One mutex guards
+// the region, the device buffers and the loaded kernel, so that a frame runs with one whole
+// setting and a switch waits for the frame under way.
 class AcceleratedProcessing {
 public:
     // -1 everywhere while disabled.
@@ -44,11 +46,13 @@ public:
     // Keeps the device buffers for the next enable().
     void disable();
     bool isEnabled() const { return enabled_.load() != 0; }
-    const Region& region() const { return region_; }
+    Region region() const;
 
     // Runs the kernel over the region of one frame buffer of `format` and finishes the frame in
-    // `area`. Throws UtilsRuntimeError "invalid frame buffer size." for a short frame.
-    void processFrame(const uint8_t* frame, uint32_t usedSize, const v4l2_pix_format& format,
+    // `area`; returns false, touching nothing, when the path is disabled. Throws
+    // UtilsRuntimeError for a short frame ("invalid frame buffer size.") and for a frame the
+    // region does not lie inside (the format may have changed since enable()).
+    bool processFrame(const uint8_t* frame, uint32_t usedSize, const v4l2_pix_format& format,
                       FrameArea& area);
 
     // Copies `region` out of a frame whose rows are `rowPixels` one-byte pixels apart into
@@ -62,7 +66,8 @@ public:
 private:
     utils::IOOpenCL& openCL_;
     utils::IOV4L2& device_;
-    std::atomic<uint8_t> enabled_{0};
+    mutable std::mutex mutex_;
+    std::atomic<uint8_t> enabled_{0}; // also read without the mutex, to skip it when off
     utils::IOOpenCL::Buffer input_;
     utils::IOOpenCL::Buffer output_;
     Region region_;

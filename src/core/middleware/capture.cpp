@@ -157,18 +157,23 @@ void Capture::stopAquisition()
     resources_->v4l2().unmapBuffers();
 }
 
-void Capture::snapshotFrame(int timeoutMs) { awaitFrame(timeoutMs, streamOverWire()); }
+void Capture::snapshotFrame(int timeoutMs)
+{
+    std::unique_lock recordsLock(resources_->getMutex(K52ResourceGroups::DEVICE_STATUS), std::defer_lock);
+    awaitFrame(timeoutMs, streamOverWire(), recordsLock);
+}
 
-void Capture::awaitFrame(int timeoutMs, bool store)
+void Capture::awaitFrame(int timeoutMs, bool store, std::unique_lock<std::mutex>& recordsLock)
 {
     auto& device = resources_->v4l2();
     device.awaitFrameMap(timeoutMs, [&](const uint8_t* frame, uint32_t usedSize, const v4l2_buffer&) {
         if (!store)
             return;
+        // Only once the frame is here, so that the descriptor's refresh waits for a frame's
+        // copy, not for the sensor.
+        recordsLock.lock();
         const v4l2_pix_format format = device.getFormat();
-        if (accelerated_->isEnabled())
-            accelerated_->processFrame(frame, usedSize, format, frameArea_);
-        else
+        if (!accelerated_->processFrame(frame, usedSize, format, frameArea_))
             storeFrame(frame, usedSize, format);
     });
 }
@@ -235,18 +240,24 @@ void Capture::streamStart(uint32_t fourcc, uint32_t resolutionIndex, const Progr
     } streamEnd{*this};
 
     auto& socket = resources_->streamSocket();
+    std::mutex& recordsMutex = resources_->getMutex(K52ResourceGroups::DEVICE_STATUS);
     using Clock = std::chrono::steady_clock;
     auto periodStart = Clock::now();
     uint32_t frames = 0;
     while (streaming_.load()) {
         const bool overWire = streamOverWire();
-        try {
-            awaitFrame(streamFrameWaitMs, overWire);
-        } catch (const utils::UtilsTimeoutException&) {
-            continue; // no frame yet: look at the flag again
+        {
+            // Held from the frame's checksum through its send; released before the rate
+            // notice, which waits for the control socket that the descriptor route holds.
+            std::unique_lock recordsLock(recordsMutex, std::defer_lock);
+            try {
+                awaitFrame(streamFrameWaitMs, overWire, recordsLock);
+            } catch (const utils::UtilsTimeoutException&) {
+                continue; // no frame yet: look at the flag again
+            }
+            if (overWire)
+                socket.send(frameArea_.usedPart(), frameArea_.usedLength());
         }
-        if (overWire)
-            socket.send(frameArea_.usedPart(), frameArea_.usedLength());
         ++frames;
         if (Clock::now() - periodStart > std::chrono::milliseconds(benchmarkPeriod())) {
             const std::chrono::duration<double> elapsed = Clock::now() - periodStart;

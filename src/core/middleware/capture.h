@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 
 namespace k52app {
@@ -111,8 +112,10 @@ public:
     AcceleratedProcessing& acceleratedProcessing() { return *accelerated_; }
 
 private:
-    // Waits for one frame; stores it only when `store` is set.
-    void awaitFrame(int timeoutMs, bool store);
+    // Waits for one frame; stores it only when `store` is set, and then first locks the device
+    // records' group into `recordsLock`: the frame's checksum covers those records, so they must
+    // stay as they are until the caller is done with the frame.
+    void awaitFrame(int timeoutMs, bool store, std::unique_lock<std::mutex>& recordsLock);
     // Stops acquisition and reopens the capture device so that the next stream starts clean.
     void endStream();
 

@@ -53,16 +53,13 @@ void clearStatus(tinyxml2::XMLElement* found)
         parent->DeleteChild(found);
 }
 
-// The status data changed the general container; re-checksum it unless a frame is being
-// written, in which case that writer re-checksums with the frame. Waiting would stall behind a
-// running stream while this route holds the control socket the stream reports on.
-void refreshGeneralChecksum(K52ResourceManager& resources)
+// The status data changed the general container, whose checksum (the frame's, when a frame is
+// stored) covers it: store the new one after the used part and at the end. The caller holds
+// the device records' group, under which every frame writer computes and sends its checksum;
+// the general container's group would wait for a whole stream.
+void refreshGeneralChecksum(ContainerManager& containers)
 {
-    std::unique_lock lock(resources.getMutex(K52ResourceGroups::GENERAL_CONTAINER), std::try_to_lock);
-    if (!lock.owns_lock())
-        return;
-    auto& general = resources.containers().generalContainer();
-    general.checksum = resources.containers().updateChecksum(K52Container::GENERAL);
+    containers.generalContainer().checksum = containers.updateChecksum(K52Container::GENERAL);
 }
 
 } // namespace
@@ -103,7 +100,7 @@ void K52CommandRouter::registerContainerCommands()
                     rtuData.load(resources->rtu());
                 }
                 rtuData.toXml(serializer.findOrCreateElement(statusPath + "/rtu"));
-                refreshGeneralChecksum(*resources);
+                refreshGeneralChecksum(containers);
             }
             serializer.commit();
             containers.updateChecksum(K52Container::XML);
