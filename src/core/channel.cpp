@@ -36,6 +36,8 @@ void Core::acceptClients(const Channel& channel, void (Core::*serve)(int))
             std::this_thread::sleep_for(retryPause);
         } catch (const utils::UtilsRuntimeError&) {
             K52_LOG(info) << handler << id << ">: Something went wrong in accepting connection";
+            // A failure that persists (no descriptor left) must not spin on the log and the group.
+            std::this_thread::sleep_for(retryPause);
         }
     }
     K52_LOG(info) << handler << id << ">: joined.";

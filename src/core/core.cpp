@@ -54,6 +54,11 @@ Core::Core(const ConfigParser& config, unsigned hardwareConcurrency)
 // The button's edge callbacks send through the reporter; stop them before it goes.
 Core::~Core()
 {
+    // Threads still running here (run() left by an exception) would end the process when
+    // destroyed; the stop makes any later terminate() leave them alone.
+    stopping_ = true;
+    running = false;
+    joinWorkers();
     try {
         resources_.button().close();
     } catch (const std::exception& e) {
@@ -70,7 +75,7 @@ void Core::addWorker(std::thread worker)
 
 void Core::run()
 {
-    running = true;
+    // `running` is set at construction and never again: a stop that came before run() stands.
     K52_LOG(info) << "Core: running...";
     addWorker(startThread([this] { ctrlSocketHandler(); }));
     addWorker(startThread([this] { streamSocketHandler(); }));
@@ -136,6 +141,11 @@ void Core::processSpinners()
 
 void Core::terminate()
 {
+    // A nested call must neither wait for the interrupted one (same thread) nor join again.
+    if (stopping_.exchange(true)) {
+        running.store(false, std::memory_order_release);
+        return;
+    }
     K52_LOG(info) << "Core: terminating...";
     K52_LOG(info) << "Remaining spinners in queue: " << spinnerPool_.size();
     // The bound shrinks as the counter grows, so about half of the queue is discarded here;
@@ -150,11 +160,16 @@ void Core::terminate()
     }
     running.store(false, std::memory_order_release);
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    joinWorkers();
+    K52_LOG(info) << "Core: terminated.";
+}
+
+void Core::joinWorkers()
+{
     for (auto& worker : workers) {
         if (worker.joinable())
             worker.join();
     }
-    K52_LOG(info) << "Core: terminated.";
 }
 
 } // namespace k52app

@@ -31,7 +31,9 @@ public:
 
     // Starts the threads and sends heartbeats until terminate().
     void run();
-    // Discards queued work, stops every thread and joins it. Safe to call more than once.
+    // Discards queued work, stops every thread and joins it. Safe to call more than once: a
+    // second signal interrupts the first call on its own thread, so any later call only makes
+    // sure the threads are told to stop and returns at once.
     void terminate();
 
     // Takes a started thread; throws UtilsRuntimeError "Maximum number of threads reached."
@@ -65,6 +67,7 @@ private:
     void streamSocketHandler();
     void streamConsumerTask(int client);
     void heartbeat(bool& failed);
+    void joinWorkers();
 
     K52ResourceManager resources_;
     Capture capture_;
@@ -73,6 +76,8 @@ private:
     utils::SpinnerPool spinnerPool_;
     std::vector<std::thread> workers;
     std::atomic<bool> running;
+    // Set by the first terminate(); lock-free, so a signal handler may test it.
+    std::atomic<bool> stopping_{false};
     uint32_t threadCount_;
 };
 

@@ -8,6 +8,9 @@
 #include <syslog.h>
 #include <zlib.h>
 
+#include <sys/resource.h>
+#include <sys/stat.h>
+
 #include <csignal>
 #include <cstring>
 #include <filesystem>
@@ -140,6 +143,26 @@ TEST_F(Daemon, SecondClientIsServedWhenTheFirstLeaves)
     EXPECT_EQ(second.readNotice(Milliseconds(5000)).status(), "OK");
 }
 
+// With no descriptor to spare, waiting for and accepting clients fail at once: each channel
+// must pause between attempts rather than flood the log and the control socket's group.
+TEST_F(Daemon, AcceptFailuresAreRetriedAfterAPause)
+{
+    rlimit previous{};
+    ASSERT_EQ(::prlimit(daemon->pid(), RLIMIT_NOFILE, nullptr, &previous), 0);
+    const rlimit none{0, previous.rlim_max};
+    ASSERT_EQ(::prlimit(daemon->pid(), RLIMIT_NOFILE, &none, nullptr), 0);
+    long at = static_cast<long>(daemon->records().size()) - 1;
+    ControlClient client = connect();
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    size_t failures = 0;
+    while ((at = daemon->findRecord(">: Something went wrong in accepting connection", at + 1)) >= 0)
+        ++failures;
+    ASSERT_EQ(::prlimit(daemon->pid(), RLIMIT_NOFILE, &previous, nullptr), 0);
+    EXPECT_GE(failures, 1u);
+    EXPECT_LE(failures, 30u); // about one per 100 ms on each channel
+    EXPECT_EQ(client.command("help").status(), "OK");
+}
+
 TEST_F(Daemon, StreamClientTextIsOnlyLogged)
 {
     k52client::Connection stream("127.0.0.1", daemon->config().streamPort());
@@ -189,8 +212,11 @@ TEST(DaemonLifecycle, SignalsStopGracefullyAndRemoveTheContainers)
     struct Case {
         int signal;
         const char* record;
+        bool repeated; // a SIGTERM comes while the first signal's stop joins the threads
     };
-    const Case cases[] = {{SIGTERM, "k52app: --SIGTERM received--"}, {SIGINT, "k52app: --SIGINT received--"}};
+    const Case cases[] = {{SIGTERM, "k52app: --SIGTERM received--", false},
+                          {SIGINT, "k52app: --SIGINT received--", false},
+                          {SIGINT, "k52app: --SIGINT received--", true}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.record);
         DaemonProcess daemon;
@@ -198,7 +224,18 @@ TEST(DaemonLifecycle, SignalsStopGracefullyAndRemoveTheContainers)
         client.command("help");
         std::string dir = daemon.config().containerDir();
         ASSERT_TRUE(std::filesystem::exists(dir + "k52XMLContainer"));
-        EXPECT_EQ(daemon.stop(c.signal), 0);
+        if (c.repeated) {
+            // A one-second measurement keeps the worker busy, so the stop is still joining it
+            // when the second signal comes.
+            client.command("ToFSetIntegrationTime 1000000");
+            client.send("ToFGetDistanceMatrix");
+            ASSERT_TRUE(daemon.waitForRecord(":: Spinning ToFGetDistanceMatrix"));
+            ::kill(daemon.pid(), c.signal);
+            ASSERT_TRUE(daemon.waitForRecord("Core: terminating..."));
+            std::this_thread::sleep_for(std::chrono::milliseconds(700));
+            ::kill(daemon.pid(), SIGTERM);
+        }
+        ASSERT_EQ(c.repeated ? daemon.wait(std::chrono::seconds(10)) : daemon.stop(c.signal), 0);
         EXPECT_FALSE(std::filesystem::exists(dir + "k52XMLContainer"));
         EXPECT_FALSE(std::filesystem::exists(dir + "k52generalContainer"));
         long received = daemon.findRecord(c.record);
@@ -214,14 +251,24 @@ TEST(DaemonLifecycle, SignalsStopGracefullyAndRemoveTheContainers)
 
 TEST(DaemonLifecycle, StartUpFailuresExitOne)
 {
+    // A second instance on the same containers must leave the first one's files alone.
+    DaemonProcess first;
+    const std::string containers = first.config().containerDir();
+    auto inode = [&](const char* name) {
+        struct stat info {};
+        ::stat((containers + name).c_str(), &info);
+        return info.st_ino;
+    };
+    const auto inodes = std::make_pair(inode("k52XMLContainer"), inode("k52generalContainer"));
     struct Case {
         k52test::EmulatedConfig::Overrides overrides;
-        const char* reason;
+        std::string reason;
     };
     const Case cases[] = {
         {{{"emulated-fault-open", std::string("/dev/video0")}}, "/dev/video0"},
         {{{"tof-path", std::nullopt}}, "map::at"},
         {{{"socket-stream", std::nullopt}}, "'socket-ctrl' or 'socket-ctrl' have invalid values"},
+        {{{"container-path", containers}}, "Failed to lock file: " + containers + "k52app.lock"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.reason);
@@ -234,6 +281,8 @@ TEST(DaemonLifecycle, StartUpFailuresExitOne)
             EXPECT_NE(error.find(c.reason), std::string::npos) << error;
         }
     }
+    EXPECT_EQ(std::make_pair(inode("k52XMLContainer"), inode("k52generalContainer")), inodes);
+    EXPECT_EQ(ControlClient("127.0.0.1", first.controlPort()).command("help").status(), "OK");
 }
 
 TEST(DaemonLifecycle, ServesActivatedSocketsByName)

@@ -126,13 +126,16 @@ private:
     std::shared_ptr<utils::platform::Kernel> previousKernel_;
 };
 
-// Stale, larger, writable files from an earlier run are replaced, not reused.
+// Stale, larger, writable files from an earlier run are replaced, not reused; a link planted
+// at a container path is replaced, never followed.
 TEST_F(ContainerManagerTest, FilesHaveTheirSizeModeHeadersAndFactoryDocument)
 {
     for (const auto& path : {xmlPath(), generalPath()}) {
         dir.writeFile(fs::path(path).filename(), std::string(xmlSize + 4096, '\xAB'));
         ::chmod(path.c_str(), 0644);
     }
+    fs::rename(xmlPath(), dir.file("victim"));
+    fs::create_symlink(dir.file("victim"), xmlPath());
     const auto before = std::chrono::system_clock::now();
     ContainerManager manager(prefix());
     const auto after = std::chrono::system_clock::now();
@@ -157,6 +160,7 @@ TEST_F(ContainerManagerTest, FilesHaveTheirSizeModeHeadersAndFactoryDocument)
         EXPECT_EQ(wordAt(bytes, c.size - 4), zlibChecksum(bytes)) << "checksum";
     }
     // Apart from the four sub-container headers, the payloads are zero.
+    EXPECT_EQ(readFile(dir.file("victim")), std::vector<unsigned char>(xmlSize + 4096, 0xAB));
     const auto general = readFile(generalPath());
     for (const auto& [begin, end] : {std::pair<std::size_t, std::size_t>{16, 2152},
                                      {2160, 2216}, {2224, 2236}, {2244, generalSize - 4}})
@@ -250,10 +254,11 @@ TEST_F(ContainerManagerTest, CleanUpRemovesBothFilesAndOpenRecreatesThem)
     const std::size_t descriptorsBefore = openDescriptors();
     {
         ContainerManager manager(prefix());
-        EXPECT_EQ(openDescriptors(), descriptorsBefore + 2);
+        EXPECT_EQ(openDescriptors(), descriptorsBefore + 3);
         manager.close();
-        EXPECT_EQ(entries(dir.path()), std::set<std::string>{});
-        EXPECT_EQ(openDescriptors(), descriptorsBefore);
+        // The lock is held, and its file kept, for the manager's whole life.
+        EXPECT_EQ(entries(dir.path()), std::set<std::string>{"k52app.lock"});
+        EXPECT_EQ(openDescriptors(), descriptorsBefore + 1);
         EXPECT_THROW(manager.xmlBlock(), std::logic_error);
         EXPECT_THROW(manager.generalContainer(), std::logic_error);
 
@@ -261,7 +266,7 @@ TEST_F(ContainerManagerTest, CleanUpRemovesBothFilesAndOpenRecreatesThem)
         EXPECT_EQ(readFile(xmlPath()).size(), xmlSize);
         EXPECT_EQ(readFile(generalPath()).size(), generalSize);
     }
-    EXPECT_EQ(entries(dir.path()), std::set<std::string>{});
+    EXPECT_EQ(entries(dir.path()), std::set<std::string>{"k52app.lock"});
     EXPECT_EQ(openDescriptors(), descriptorsBefore);
 }
 
@@ -333,7 +338,9 @@ TEST_F(ContainerManagerTest, FailedConstructionLeavesNothingBehind)
         } catch (const std::runtime_error& error) {
             EXPECT_EQ(std::string(error.what()), c.message);
         }
-        EXPECT_EQ(entries(dir.path()), before);
+        auto after = entries(dir.path());
+        after.erase("k52app.lock");
+        EXPECT_EQ(after, before);
         EXPECT_EQ(openDescriptors(), descriptorsBefore);
         fs::remove_all(fs::path(dir.path()) / *fs::relative(c.obstacle, dir.path()).begin());
     }

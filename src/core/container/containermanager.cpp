@@ -5,6 +5,7 @@
 #include "utils/io/iocpuinfo.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <tinyxml2.h>
 
@@ -21,6 +22,7 @@ namespace {
 constexpr const char* defaultPrefix = "/tmp/";
 constexpr const char* xmlFileName = "k52XMLContainer";
 constexpr const char* generalFileName = "k52generalContainer";
+constexpr const char* lockFileName = "k52app.lock";
 
 constexpr const char* programName = "k52app";
 constexpr const char* programVersion = "1.3.1";
@@ -60,7 +62,8 @@ Layout& mapped(Layout* layout, const char* name)
 ContainerManager::ContainerManager() : ContainerManager(defaultPrefix) {}
 
 ContainerManager::ContainerManager(const std::string& prefix)
-    : paths_{{K52Container::XML, prefix + xmlFileName},
+    : lock_(lockContainers(prefix + lockFileName)),
+      paths_{{K52Container::XML, prefix + xmlFileName},
              {K52Container::GENERAL, prefix + generalFileName}}
 {
     initializeContainers();
@@ -72,7 +75,7 @@ ContainerManager::~ContainerManager()
 }
 
 ContainerManager::ContainerManager(ContainerManager&& other) noexcept
-    : xmlContainer_(std::move(other.xmlContainer_)),
+    : lock_(std::move(other.lock_)), xmlContainer_(std::move(other.xmlContainer_)),
       generalContainer_(std::move(other.generalContainer_)),
       paths_(std::exchange(other.paths_, {})), descriptors_(std::exchange(other.descriptors_, {}))
 {
@@ -81,8 +84,8 @@ ContainerManager::ContainerManager(ContainerManager&& other) noexcept
 ContainerManager& ContainerManager::operator=(ContainerManager&& other) noexcept
 {
     if (this != &other) {
-        // The incoming manager may have replaced our files at the same paths: keep those.
-        discardContainers(other.paths_);
+        discardContainers();
+        lock_ = std::move(other.lock_);
         xmlContainer_ = std::move(other.xmlContainer_);
         generalContainer_ = std::move(other.generalContainer_);
         paths_ = std::exchange(other.paths_, {});
@@ -148,6 +151,30 @@ uint32_t ContainerManager::updateChecksum(K52Container container)
     return generalContainer().updateChecksum();
 }
 
+// The lock file stays when the manager goes: removing it would let a newcomer lock a fresh
+// file while another process still waits on the old one.
+ContainerManager::FileDescriptor ContainerManager::lockContainers(const std::string& path)
+{
+    createParentDirectories(path);
+    FileDescriptor lock(::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
+    if (!lock)
+        throw std::runtime_error("Failed to open file: " + path + " - " + std::strerror(errno));
+    if (::flock(lock.get(), LOCK_EX | LOCK_NB) == -1) {
+        if (errno != EWOULDBLOCK)
+            throw std::runtime_error("Failed to lock file: " + path + " - " + std::strerror(errno));
+        char holder[16] = {};
+        const bool known = ::pread(lock.get(), holder, sizeof holder - 1, 0) > 0;
+        throw std::runtime_error("Failed to lock file: " + path + " - the containers are in use by " +
+                                 (known ? "process " + std::string(holder) : "another process"));
+    }
+    // Tells the next one who holds it.
+    const std::string pid = std::to_string(::getpid());
+    if (::ftruncate(lock.get(), 0) == -1 ||
+        ::pwrite(lock.get(), pid.data(), pid.size(), 0) != static_cast<ssize_t>(pid.size()))
+        K52_LOG(warn) << "Process id not written to " << path << ": " << std::strerror(errno);
+    return lock;
+}
+
 void ContainerManager::initializeContainers()
 {
     try {
@@ -175,10 +202,12 @@ template <typename Layout>
 ContainerManager::MappedContainer<Layout> ContainerManager::mmapFile(const std::string& path)
 {
     createParentDirectories(path);
-    // A file left by an earlier run is stale: start from a new, zero-filled one.
+    // A file left by an earlier run is stale: start from a new, zero-filled one. Whatever
+    // appears at the path after the removal (a link planted in a shared directory) makes the
+    // creation fail rather than redirect it.
     std::remove(path.c_str());
     // Read-only for everyone else; this descriptor keeps write access.
-    FileDescriptor fd(::open(path.c_str(), O_RDWR | O_CREAT, 0444));
+    FileDescriptor fd(::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0444));
     if (!fd)
         throw std::runtime_error("Failed to open file: " + path);
     try {
@@ -282,17 +311,12 @@ void ContainerManager::unmapContainers()
     descriptors_.clear();
 }
 
-void ContainerManager::discardContainers(const std::map<K52Container, std::string>& stillInUse)
+void ContainerManager::discardContainers()
 {
     auto discard = [&](K52Container container, bool wasMapped) {
         auto path = paths_.find(container);
-        if (!wasMapped || path == paths_.end())
-            return;
-        for (const auto& [other, otherPath] : stillInUse) {
-            if (otherPath == path->second)
-                return;
-        }
-        std::remove(path->second.c_str());
+        if (wasMapped && path != paths_.end())
+            std::remove(path->second.c_str());
     };
     discard(K52Container::XML, static_cast<bool>(xmlContainer_));
     discard(K52Container::GENERAL, static_cast<bool>(generalContainer_));

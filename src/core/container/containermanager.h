@@ -21,12 +21,17 @@ enum class K52Container : uint32_t { XML = 0, GENERAL = 1 };
 // them at clean-up, so the files exist exactly while the daemon runs. The files are ordinary
 // files shared with other processes, so they are reached with plain POSIX calls rather than
 // through the device seam. Not thread-safe: writers hold the owner's resource-group lock.
+//
+// Before it touches a container file the manager takes an exclusive lock on "k52app.lock" beside
+// them and holds it for its whole life, so a second daemon given the same directory fails
+// instead of replacing the files under the first.
 class ContainerManager : public utils::IOBase {
 public:
     // Files in /tmp.
     ContainerManager();
     // Files named `prefix` + file name; the prefix is used as it stands, so it normally ends
-    // with '/'. Missing directories are created.
+    // with '/'. Missing directories are created. Throws std::runtime_error naming the lock file
+    // when another process holds it.
     explicit ContainerManager(const std::string& prefix);
     ~ContainerManager() override;
 
@@ -117,6 +122,7 @@ private:
         int fd_;
     };
 
+    static FileDescriptor lockContainers(const std::string& path);
     void initializeContainers();
     void mapContainers();
     template <typename Layout>
@@ -125,10 +131,11 @@ private:
     void initializeGeneralContainer();
     void cleanupContainers();
     void unmapContainers();
-    // Silently drops whatever is mapped and removes its files, except paths in `stillInUse`:
-    // undoes a failed initialisation, or what a move assignment overwrites.
-    void discardContainers(const std::map<K52Container, std::string>& stillInUse = {});
+    // Silently drops whatever is mapped and removes its files: undoes a failed initialisation,
+    // or what a move assignment overwrites.
+    void discardContainers();
 
+    FileDescriptor lock_; // first in, last out: held until the files are gone
     MappedContainer<utils::XMLContainer> xmlContainer_;
     MappedContainer<utils::GeneralContainer> generalContainer_;
     std::map<K52Container, std::string> paths_;
