@@ -1,39 +1,53 @@
 // The configuration file parser over arbitrary file contents.
 #include "k52app/configparser.h"
 
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <string>
 
 namespace {
 
-std::string scratchFile()
-{
-    const char* tmp = std::getenv("TMPDIR");
-    return std::string(tmp ? tmp : "/tmp") + "/k52fuzz-config-" + std::to_string(::getpid()) + ".conf";
-}
+// An in-memory file: the parser opens it by path as it opens any configuration file.
+struct ScratchFile {
+    ScratchFile() : fd(::memfd_create("k52fuzz.conf", 0)), path("/proc/self/fd/" + std::to_string(fd))
+    {
+        if (fd < 0)
+            std::abort();
+    }
+    ~ScratchFile() { ::close(fd); }
+    void write(const uint8_t* data, size_t size) const
+    {
+        if (::ftruncate(fd, 0) != 0 || ::pwrite(fd, data, size, 0) != static_cast<ssize_t>(size))
+            std::abort();
+    }
+    int fd;
+    std::string path;
+};
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    static const std::string path = scratchFile();
-    if (std::FILE* file = std::fopen(path.c_str(), "wb")) {
-        std::fwrite(data, 1, size, file);
-        std::fclose(file);
-    } else {
-        std::abort();
-    }
-    const char* argv[] = {"k52app", "--config", path.c_str()};
+    static const ScratchFile file;
+    // The command line is parsed once (with a file that names the sensor, so that start-up
+    // does not search /dev); each input is then loaded as a configuration file on top of it.
+    static const k52app::ConfigParser base = [] {
+        const std::string sensor = "image-sensor-path=/dev/imx0\n";
+        file.write(reinterpret_cast<const uint8_t*>(sensor.data()), sensor.size());
+        const char* argv[] = {"k52app", "--config", file.path.c_str()};
+        return k52app::ConfigParser(3, argv);
+    }();
+    file.write(data, size);
+    k52app::ConfigParser parser = base;
     try {
-        k52app::ConfigParser parser(3, argv);
+        parser.loadConfigFile(file.path);
         for (const auto& [key, value] : parser.values) {
-            // Keys and values come without white space; a blank would mean the file's lines
-            // were split wrongly.
+            // White space is removed from every line; a blank left in a key or value means the
+            // file's lines were split wrongly.
             if (key.find_first_of(" \t") != std::string::npos ||
                 value.find_first_of(" \t") != std::string::npos)
                 std::abort();
