@@ -163,15 +163,6 @@ TEST_F(Daemon, AcceptFailuresAreRetriedAfterAPause)
     EXPECT_EQ(client.command("help").status(), "OK");
 }
 
-TEST_F(Daemon, StreamClientTextIsOnlyLogged)
-{
-    k52client::Connection stream("127.0.0.1", daemon->config().streamPort());
-    stream.sendAll("hello stream", 12);
-    EXPECT_TRUE(daemon->waitForRecord("Received message: 'hello stream'."));
-    auto client = connect();
-    EXPECT_EQ(client.command("help").status(), "OK");
-}
-
 TEST(DaemonLifecycle, StartUpRecordsFollowTheThreadBudget)
 {
     struct Case {
@@ -215,7 +206,6 @@ TEST(DaemonLifecycle, SignalsStopGracefullyAndRemoveTheContainers)
         bool repeated; // a SIGTERM comes while the first signal's stop joins the threads
     };
     const Case cases[] = {{SIGTERM, "k52app: --SIGTERM received--", false},
-                          {SIGINT, "k52app: --SIGINT received--", false},
                           {SIGINT, "k52app: --SIGINT received--", true}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.record);
@@ -292,7 +282,7 @@ TEST(DaemonLifecycle, ServesActivatedSocketsByName)
     EXPECT_EQ(client.command("help").status(), "OK");
     EXPECT_TRUE(daemon.waitForRecord("K52ResourceManager: Using systemd for handling sockets."));
     k52client::Connection stream("127.0.0.1", daemon.streamPort());
-    stream.sendAll("ping", 4);
+    stream.sendAll("ping", 4); // only logged
     EXPECT_TRUE(daemon.waitForRecord("Received message: 'ping'."));
     EXPECT_EQ(daemon.stop(SIGTERM), 0);
 }
