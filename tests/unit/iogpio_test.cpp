@@ -9,6 +9,7 @@
 #include <linux/gpio.h>
 #include <stdlib.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
@@ -145,6 +146,38 @@ TEST_F(IOGPIOTest, CloseStopsPromptlyAndReopenRegistersOnce)
     EXPECT_EQ(log.waitFor(2), (std::vector{rising, falling}));
     std::this_thread::sleep_for(3 * IOGPIO::pollPeriod);
     EXPECT_EQ(log.waitFor(2).size(), 2u);
+}
+
+// Two "MonitorButton" commands on two workers: open() and close() race for one line request
+// and its watcher while the button is worked. Every call succeeds, and once the last close()
+// has returned no callback runs.
+TEST_F(IOGPIOTest, ConcurrentOpenAndCloseShareOneRequest)
+{
+    IOGPIO button(12, 0, 0, 3, "gpiochip0");
+    EdgeLog log;
+    log.attachTo(button);
+    std::atomic<bool> done = false;
+    std::jthread presser([&] {
+        for (; !done; std::this_thread::sleep_for(1ms)) {
+            chip_->press();
+            chip_->release();
+        }
+    });
+    auto toggle = [&button] {
+        for (int i = 0; i < 100; ++i)
+            EXPECT_NO_THROW({ button.open(); button.close(); });
+    };
+    {
+        std::jthread first(toggle);
+        std::jthread second(toggle);
+    }
+    done = true;
+    presser.join();
+    const size_t seen = log.waitFor(0).size();
+    chip_->press();
+    chip_->release();
+    std::this_thread::sleep_for(3 * IOGPIO::pollPeriod);
+    EXPECT_EQ(log.waitFor(0).size(), seen);
 }
 
 TEST_F(IOGPIOTest, ACallbackThatThrowsDoesNotStopTheLine)

@@ -190,12 +190,21 @@ TEST_F(ButtonRoute, EdgesBecomeColouredNoticesInOrder)
     EXPECT_THAT(edges[1].second, testing::EndsWith("] Button : Falling Edge Detected !\n"));
 }
 
+// Two workers switch the monitor on and off at once; every command succeeds and, after the
+// last disable, nothing is sent.
 TEST_F(ButtonRoute, DisabledMonitoringSendsNothing)
 {
     auto client = connect();
-    expectExchanges(h, {{"MonitorButton 1", "OK", "button monitor enabled."},
-                 {"MonitorButton 0", "OK", "button monitor disabled."},
-                 {"MonitorButton 0", "OK", "button monitor disabled."}});
+    auto toggle = [this] {
+        for (int i = 0; i < 20; ++i)
+            expectExchanges(h, {{"MonitorButton 1", "OK", "button monitor enabled."},
+                                {"MonitorButton 0", "OK", "button monitor disabled."}});
+    };
+    {
+        std::jthread first(toggle);
+        std::jthread second(toggle);
+    }
+    expectExchanges(h, {{"MonitorButton 0", "OK", "button monitor disabled."}});
     chip().press();
     chip().release();
     EXPECT_THROW(client->readNotice(300ms), std::runtime_error);

@@ -13,6 +13,10 @@ namespace utils {
 
 namespace {
 
+// The line whose watcher runs on this thread. Its callbacks' calls into that line must not
+// wait for the state lock: close() holds it while it waits for them.
+thread_local const IOGPIO* watchedLine = nullptr;
+
 std::string chipPath(const std::string& chipName)
 {
     return chipName.find('/') == std::string::npos ? "/dev/" + chipName : chipName;
@@ -52,6 +56,9 @@ IOGPIO::~IOGPIO()
 
 void IOGPIO::open()
 {
+    if (watchedLine == this)
+        return; // open, or closing, and then close() wins
+    std::lock_guard lock(stateMutex_);
     if (lineFd_.valid())
         return;
     IOFile::open();
@@ -79,15 +86,16 @@ void IOGPIO::open()
         throw;
     }
     if (edge_ != Edge::none)
-        watcher_ = std::jthread([this](std::stop_token stop) { watchEdges(stop); });
+        watcher_ = std::jthread([this, fd = lineFd_.get()](std::stop_token stop) { watchEdges(stop, fd); });
 }
 
 void IOGPIO::close()
 {
-    if (watcher_.joinable() && watcher_.get_id() == std::this_thread::get_id())
+    if (watchedLine == this)
         throw UtilsRuntimeError("IOGPIO: close() of line " + std::to_string(line_) + " of '" +
                                 path() + "' from its own edge callback.");
-    watcher_ = {}; // requests stop and joins
+    std::lock_guard lock(stateMutex_);
+    watcher_ = {}; // requests stop and joins: no callback runs after this
     lineFd_.reset();
     IOFile::close();
 }
@@ -106,6 +114,10 @@ void IOGPIO::setCallback(Edge edge, Callback callback)
 
 int IOGPIO::getValue() const
 {
+    // A callback needs no lock: close() releases the request only after the watcher has ended.
+    std::unique_lock lock(stateMutex_, std::defer_lock);
+    if (watchedLine != this)
+        lock.lock();
     if (!lineFd_.valid())
         throw IOError("IOGPIO: line " + std::to_string(line_) + " of '" + path() +
                       "' is not open.");
@@ -116,10 +128,10 @@ int IOGPIO::getValue() const
     return static_cast<int>(values.bits & 1);
 }
 
-void IOGPIO::watchEdges(std::stop_token stop)
+void IOGPIO::watchEdges(std::stop_token stop, int fd)
 {
+    watchedLine = this;
     auto& kernel = platform::kernel();
-    const int fd = lineFd_.get();
     gpio_v2_line_event events[16];
     while (!stop.stop_requested()) {
         pollfd entry{fd, POLLIN, 0};
