@@ -141,7 +141,7 @@ TEST(I2CRTURoutes, BusFailuresBecomeIOExceptionRepliesAfterThePrefix)
     RouterHarness h;
     h.board().faults().inject(rtuBus, Fault::ioError);
     for (const std::string quantity : {"State", "Type", "Voltage", "Current", "PWMPeriod", "PWMDuty"}) {
-        for (const std::string route : {"SetI2CRTUAnalogOutput" + quantity, "GetI2CRTUAnalogOutput" + quantity}) {
+        for (const std::string& route : {"SetI2CRTUAnalogOutput" + quantity, "GetI2CRTUAnalogOutput" + quantity}) {
             SCOPED_TRACE(route);
             auto [status, message] = h.run(route[0] == 'S' ? route + " 1" : route);
             EXPECT_EQ(status, "ErrorIOException");
