@@ -239,6 +239,8 @@ def main():
     parser.add_argument("--csv", default="soak.csv")
     parser.add_argument("--cycle", type=float, default=15, help="seconds per stream cycle")
     parser.add_argument("--sample", type=float, default=2, help="seconds between samples")
+    parser.add_argument("--default-malloc", action="store_true",
+                        help="keep glibc's adaptive mmap threshold (see docs/reliability.md)")
     args = parser.parse_args()
     args.ctl = os.path.join(args.build, "k52ctl")
     daemon = os.path.join(args.build, "k52app")
@@ -267,7 +269,14 @@ def main():
         f.writelines(f"{k}={v}\n" for k, v in values.items())
 
     log = open(os.path.join(work, "k52app.out"), "w")
-    proc = subprocess.Popen([daemon, "--config", config], stdout=log, stderr=subprocess.STDOUT)
+    env = dict(os.environ)
+    if not args.default_malloc:
+        # glibc raises its mmap threshold each time a large block is freed, after which frame
+        # and descriptor buffers come from the heap, whose fragmentation grows for about 25
+        # minutes before it settles. A fixed threshold returns them to the system on free, so
+        # that resident memory tracks live memory and a leak shows within minutes.
+        env["GLIBC_TUNABLES"] = "glibc.malloc.mmap_threshold=65536"
+    proc = subprocess.Popen([daemon, "--config", config], stdout=log, stderr=subprocess.STDOUT, env=env)
     stats = {"cycles": 0, "frames": 0, "commands": 0}
     failure = None
     try:
