@@ -199,9 +199,7 @@ TEST(Stream, StopByCommandWithSeveralWorkers)
     EXPECT_LE(reports, int(seconds / 0.25) + 1) << seconds << " s";
 
     // Neither the frame area nor the stream socket stays locked: the next stream runs. The
-    // descriptor asked for meanwhile rewrites device records that every frame's checksum covers;
-    // frames on the wire and the frame in the file still match their checksums, also once
-    // frames no longer go over the wire and so no longer rewrite the file.
+    // descriptor rewrites device records that frame checksums cover, on the wire and in the file.
     reader.expectRestart();
     control.send("CaptureStreamStart GREY 1");
     ASSERT_TRUE(reader.waitForMore(3)) << reader.failure();

@@ -212,7 +212,7 @@ private:
     int client_ = -1;
 };
 
-TEST_F(CaptureTest, StreamSendsEveryFrameReportsTheRateAndRefusesASecondStream)
+TEST_F(CaptureTest, StreamSendsEveryFrameAndReportsTheRate)
 {
     StreamClient client(h);
     capture().setBenchmarkPeriod(100);
@@ -243,8 +243,6 @@ TEST_F(CaptureTest, StreamSendsEveryFrameReportsTheRateAndRefusesASecondStream)
         const k52client::Frame& frame = client.frames().next(std::chrono::seconds(3));
         ASSERT_EQ(frame.size, 640u * 480u);
     }
-    expectError<utils::UtilsException>([&] { capture().streamStart(grey, 0, [](float) {}); },
-                                       "Streaming is already on.");
 
     // Off the wire: frames are awaited, the container stays as it was and nothing is sent.
     capture().setStreamOverWire(false);
