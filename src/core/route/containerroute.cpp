@@ -85,6 +85,11 @@ void K52CommandRouter::registerContainerCommands()
             toXml(status, status->GetDocument());
             {
                 std::lock_guard statusLock(resources->getMutex(K52ResourceGroups::DEVICE_STATUS));
+                // Also when the trigger unit's load fails after the sensor's record changed.
+                const struct ChecksumRefresh {
+                    ContainerManager& containers;
+                    ~ChecksumRefresh() { refreshGeneralChecksum(containers); }
+                } checksumRefresh{containers};
                 auto& imxData = containers.imxSubContainer().payload;
                 {
                     std::lock_guard imxLock(resources->getMutex(K52ResourceGroups::IMX));
@@ -100,7 +105,6 @@ void K52CommandRouter::registerContainerCommands()
                     rtuData.load(resources->rtu());
                 }
                 rtuData.toXml(serializer.findOrCreateElement(statusPath + "/rtu"));
-                refreshGeneralChecksum(containers);
             }
             serializer.commit();
             containers.updateChecksum(K52Container::XML);
