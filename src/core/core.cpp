@@ -19,20 +19,44 @@ constexpr auto heartbeatPeriod = std::chrono::seconds(3);
 constexpr auto emptyPoolPause = std::chrono::milliseconds(100);
 const char* const spinnerPoolEmpty = "SpinnerPool is empty.";
 
+sigset_t stopSignals()
+{
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    return signals;
+}
+
 // Threads the core starts leave SIGINT and SIGTERM to the thread that called run(), so the
 // handler never runs on a thread that terminate() is about to join.
 template <typename Body>
 std::thread startThread(Body body)
 {
     return std::thread([body] {
-        sigset_t signals;
-        sigemptyset(&signals);
-        sigaddset(&signals, SIGINT);
-        sigaddset(&signals, SIGTERM);
+        const sigset_t signals = stopSignals();
         pthread_sigmask(SIG_BLOCK, &signals, nullptr);
         body();
     });
 }
+
+// Holds back a second stop signal on this thread while the first stop runs: its handler would
+// otherwise interrupt a record and wait for the log mutex that this very thread holds. It is
+// delivered when the stop is done and finds the stop already made.
+class StopSignalsDeferred {
+public:
+    StopSignalsDeferred()
+    {
+        const sigset_t signals = stopSignals();
+        pthread_sigmask(SIG_BLOCK, &signals, &previous_);
+    }
+    ~StopSignalsDeferred() { pthread_sigmask(SIG_SETMASK, &previous_, nullptr); }
+    StopSignalsDeferred(const StopSignalsDeferred&) = delete;
+    StopSignalsDeferred& operator=(const StopSignalsDeferred&) = delete;
+
+private:
+    sigset_t previous_;
+};
 
 } // namespace
 
@@ -146,6 +170,7 @@ void Core::terminate()
         running.store(false, std::memory_order_release);
         return;
     }
+    StopSignalsDeferred deferred;
     K52_LOG(info) << "Core: terminating...";
     K52_LOG(info) << "Remaining spinners in queue: " << spinnerPool_.size();
     // The bound shrinks as the counter grows, so about half of the queue is discarded here;
