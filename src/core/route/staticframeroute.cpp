@@ -89,6 +89,9 @@ void K52CommandRouter::registerStaticFrameCommands()
             const std::string& name = arguments.at(0);
             std::lock_guard containerLock(resources->getMutex(K52ResourceGroups::GENERAL_CONTAINER));
             std::lock_guard framesLock(resources->getMutex(K52ResourceGroups::STATIC_FRAMES));
+            std::lock_guard streamLock(resources->getMutex(K52ResourceGroups::STREAM_SOCKET));
+            // The frame's checksum covers the device records that GetXmlDescriptor rewrites.
+            std::lock_guard recordsLock(resources->getMutex(K52ResourceGroups::DEVICE_STATUS));
             const auto& frames = resources->staticFrames();
             const auto found = findFrame(frames, name);
             if (found == frames.end())
@@ -98,7 +101,6 @@ void K52CommandRouter::registerStaticFrameCommands()
             storeFrame(frame, *found->second);
             const uint32_t checksum = checksumOf(frame);
 
-            std::lock_guard streamLock(resources->getMutex(K52ResourceGroups::STREAM_SOCKET));
             resources->streamSocket().send(frame.usedPart(), frame.usedLength());
             K52_LOG(info) << "Static-Frame '" << name << "' Sent " << frame.usedLength() << " bytes, CRC="
                           << hex32(checksum);
