@@ -1,19 +1,9 @@
 #pragma once
 
-#include <chrono>
-#include <optional>
 #include <string>
 #include <vector>
 
 namespace k52test {
-
-struct ProcessOptions {
-    // Written to the program's standard input, which is then closed; without it the program
-    // reads /dev/null.
-    std::optional<std::string> input;
-    // The program is killed (SIGKILL) when it has not ended by then.
-    std::chrono::milliseconds timeout{10000};
-};
 
 struct ProcessResult {
     int exitStatus = -1; // -1 when a signal ended the program
@@ -23,9 +13,9 @@ struct ProcessResult {
     std::string err;
 };
 
-// Runs `program` (argv[0] is the program path itself) with `arguments` and waits for it,
-// collecting its standard output and standard error.
-ProcessResult runProcess(const std::string& program, const std::vector<std::string>& arguments,
-                         const ProcessOptions& options = {});
+// Runs `program` (argv[0] is the program path itself) with `arguments`, its standard input
+// /dev/null, and waits for it, collecting its standard output and standard error; a program
+// still running after ten seconds is killed (SIGKILL).
+ProcessResult runProcess(const std::string& program, const std::vector<std::string>& arguments);
 
 } // namespace k52test
