@@ -6,6 +6,7 @@
 #include "client/descriptor.h"
 #include "client/framestream.h"
 #include "client/notice.h"
+#include "support/bytes.h"
 #include "support/daemonprocess.h"
 
 #include <gtest/gtest.h>
@@ -17,7 +18,6 @@
 #include <csignal>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <mutex>
 #include <regex>
 #include <thread>
@@ -30,33 +30,16 @@ using k52test::DaemonProcess;
 
 namespace {
 
+using k52test::word;
+
 constexpr uint32_t blue = 0x3B65E3;
-
-uint32_t word(const uint8_t* bytes, size_t offset)
-{
-    uint32_t value;
-    std::memcpy(&value, bytes + offset, sizeof value);
-    return value;
-}
-
-// Waits until `text` appears in a record logged after the first `from` records.
-bool waitForNewRecord(const DaemonProcess& daemon, const std::string& text, size_t from)
-{
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (daemon.findRecord(text, from) >= 0)
-            return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return false;
-}
 
 // A stream client the daemon has accepted, so that a stream started now has its receiver.
 std::unique_ptr<FrameStream> connectStream(const DaemonProcess& daemon)
 {
     const size_t seen = daemon.records().size();
     auto stream = std::make_unique<FrameStream>("127.0.0.1", daemon.config().streamPort());
-    EXPECT_TRUE(waitForNewRecord(daemon, "handle STREAM client spinner", seen));
+    EXPECT_TRUE(daemon.waitForRecord("handle STREAM client spinner", seen));
     return stream;
 }
 
@@ -209,8 +192,7 @@ TEST(Stream, StopByCommandWithSeveralWorkers)
         control.command("SetRTUStatusLED " + std::to_string(led));
         k52client::fetchXmlDescriptor(control);
     }
-    std::ifstream file(daemon.config().containerDir() + "k52generalContainer", std::ios::binary);
-    const std::string general{std::istreambuf_iterator<char>(file), {}};
+    const std::string general = k52test::fileBytes(daemon.config().containerDir() + "k52generalContainer");
     const auto* bytes = reinterpret_cast<const uint8_t*>(general.data());
     const uint32_t used = word(bytes, 4), crc = uint32_t(crc32(0, bytes, used - 4));
     EXPECT_EQ(word(bytes, used - 4), crc);
@@ -235,7 +217,7 @@ TEST(Stream, DisconnectStopsTheStreamWithOneWorkerAndSigtermEndsAStreamCleanly)
         }
         const size_t seen = daemon.records().size();
         stream.reset();
-        ASSERT_TRUE(waitForNewRecord(daemon, "STREAM client disconnected.", seen));
+        ASSERT_TRUE(daemon.waitForRecord("STREAM client disconnected.", seen));
     }
     // The stream ended with the failed send; the worker is free for the next command.
     awaitAcknowledgement(control, "TCPSocket", notices);

@@ -1,4 +1,5 @@
 #include "support/daemonprocess.h"
+#include "support/bytes.h"
 
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -10,12 +11,10 @@
 #include <unistd.h>
 
 #include <cstring>
-
-extern char** environ;
-#include <fstream>
-#include <iterator>
 #include <stdexcept>
 #include <utility>
+
+extern char** environ;
 
 namespace k52test {
 
@@ -43,10 +42,6 @@ int decode(int status)
         return 128 + WTERMSIG(status);
     return -1;
 }
-
-} // namespace
-
-namespace {
 
 EmulatedConfig::Overrides withoutPorts(EmulatedConfig::Overrides overrides)
 {
@@ -233,10 +228,10 @@ long DaemonProcess::findRecord(const std::string& text, size_t from) const
     return -1;
 }
 
-bool DaemonProcess::waitForRecord(const std::string& text, std::chrono::milliseconds timeout) const
+bool DaemonProcess::waitForRecord(const std::string& text, size_t from) const
 {
-    auto deadline = Clock::now() + timeout;
-    while (findRecord(text) < 0) {
+    auto deadline = Clock::now() + std::chrono::seconds(5);
+    while (findRecord(text, from) < 0) {
         if (Clock::now() > deadline)
             return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -244,10 +239,6 @@ bool DaemonProcess::waitForRecord(const std::string& text, std::chrono::millisec
     return true;
 }
 
-std::string DaemonProcess::standardError() const
-{
-    std::ifstream file(config_.dir().file("stderr.txt"));
-    return {std::istreambuf_iterator<char>(file), {}};
-}
+std::string DaemonProcess::standardError() const { return fileBytes(config_.dir().file("stderr.txt")); }
 
 } // namespace k52test

@@ -50,9 +50,8 @@ public:
     bool running();
 
     std::vector<DaemonRecord> records() const;
-    // Waits until a record containing `text` arrives; false on timeout.
-    bool waitForRecord(const std::string& text,
-                       std::chrono::milliseconds timeout = std::chrono::seconds(5)) const;
+    // Waits up to five seconds until a record containing `text` is there at or after `from`.
+    bool waitForRecord(const std::string& text, size_t from = 0) const;
     // Index of the first record containing `text` at or after `from`, or -1.
     long findRecord(const std::string& text, size_t from = 0) const;
     std::string standardError() const;
