@@ -5,13 +5,9 @@
 #include "support/tempdir.h"
 
 #include <gtest/gtest.h>
-#include <zlib.h>
 
 #include <glob.h>
 
-#include <cstdint>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <string>
 #include <vector>
@@ -217,21 +213,5 @@ TEST_P(ExampleConfiguration, SetsEveryKeyTheDaemonReads)
 
 INSTANTIATE_TEST_SUITE_P(Etc, ExampleConfiguration,
                          testing::Values("etc/k52app-emulated.conf", "etc/k52app-board.conf"));
-
-TEST(EmulatedConfiguration, FirmwareImageHeaderMatchesItsPayload)
-{
-    std::ifstream file(std::string(K52_SOURCE_DIR) + "/etc/firmware/smartsensor.bin", std::ios::binary);
-    const std::string image{std::istreambuf_iterator<char>(file), {}};
-    ASSERT_GT(image.size(), 16u);
-    EXPECT_EQ(image.substr(0, 8), "K52SSFW1");
-    const auto word = [&](size_t at) {
-        uint32_t value = 0;
-        for (size_t i = 0; i < 4; ++i)
-            value |= uint32_t(static_cast<unsigned char>(image[at + i])) << (8 * i);
-        return value;
-    };
-    ASSERT_EQ(word(8), image.size() - 16);
-    EXPECT_EQ(word(12), uint32_t(crc32(0, reinterpret_cast<const Bytef*>(image.data() + 16), word(8))));
-}
 
 } // namespace

@@ -1,15 +1,15 @@
+#include "support/bytes.h"
 #include "support/tempdir.h"
 #include "utils/base/exceptions.h"
 #include "utils/io/iosmartsensor.h"
 #include "utils/platform/emulated/board.h"
 #include "utils/platform/emulated/smartsensormodel.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <zlib.h>
 
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <thread>
 
 namespace {
@@ -21,12 +21,6 @@ using namespace std::chrono_literals;
 
 constexpr const char* busPath = "/dev/i2c-5";
 const std::string shippedFirmware = std::string(K52_SOURCE_DIR) + "/etc/firmware/smartsensor.bin";
-
-std::string readFile(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
 
 std::string le32(uint32_t v)
 {
@@ -75,12 +69,7 @@ protected:
     template <typename Exception, typename Call>
     void expectThrow(Call call, const std::string& text)
     {
-        try {
-            call();
-            ADD_FAILURE() << "nothing thrown; expected '" << text << "'";
-        } catch (const Exception& e) {
-            EXPECT_NE(std::string(e.what()).find(text), std::string::npos) << e.what();
-        }
+        EXPECT_THAT(call, testing::ThrowsMessage<Exception>(testing::HasSubstr(text)));
     }
 
     std::shared_ptr<EmulatedBoard> board_;
@@ -94,7 +83,7 @@ TEST_F(SmartSensorTest, BringsUpTheShippedFirmwareAndReportsEachStep)
     bringUp(sensor);
     EXPECT_TRUE(sensor.isRunning());
 
-    std::string image = readFile(shippedFirmware);
+    std::string image = k52test::fileBytes(shippedFirmware);
     std::string payload = image.substr(16);
     uint32_t crc = crc32(0, reinterpret_cast<const Bytef*>(payload.data()), payload.size());
     EXPECT_EQ(rawRead(0x10, 4), le32(payload.size()));
