@@ -24,20 +24,14 @@ TEST(RTURoutesOnTheWire, RepliesAndColoursPerOutcome)
     };
     const Case cases[] = {
         {"SetRTUFPS 25", olive, "OK", "SetFPS: FPS set to 25"},
-        {"GetRTUFPS", olive, "OK", "GetRTUFPS: RTU FPS: 25"},
-        {"SetRTUFPS -1", olive, "OK", "SetFPS: FPS set to 4294967295"},
-        {"SetRTUTriggerMode 1", olive, "OK", "SetTriggerMode: Trigger mode set to 1"},
         {"SetRTUTriggerMode 2", orange, "ErrorRuntimeError",
          "SetTriggerMode: Invalid trigger mode. Must be 0 (manual) or 1 (continuous)."},
-        {"SetRTUAnalogOutputState 1", olive, "OK", "SetRTUAnalogOutputState: Analog output enabled"},
-        {"GetRTUAnalogOutputState", olive, "OK",
-         "GetRTUAnalogOutputState: RTU Analog Output State: enabled"},
-        {"GetCPUInfoHardware", olive, "OK", "GetCPUInfoHardware: Hardware : K52 emulated board"},
         // A missing argument and an out-of-range state leave the handler: the worker answers in red
         // with the C library's errno text first.
         {"SetRTUIOValue 1", red, "Success", "_M_range_check"},
         {"SetRTUDeviceState 7", red, "Success", "Device state out of range [1, 6]"},
-        {"GetRTUFPS", olive, "OK", "GetRTUFPS: RTU FPS: 4294967295"},
+        // The worker survives those exceptions and serves the next command.
+        {"GetRTUFPS", olive, "OK", "GetRTUFPS: RTU FPS: 25"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.command);
