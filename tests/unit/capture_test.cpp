@@ -3,6 +3,7 @@
 // loop against a real stream client, and every capture route's reply text.
 #include "client/framestream.h"
 #include "core/middleware/capture.h"
+#include "support/bytes.h"
 #include "support/routerharness.h"
 #include "support/syslogcapture.h"
 #include "utils/base/exceptions.h"
@@ -21,6 +22,8 @@
 
 namespace {
 
+using k52test::word;
+
 using k52app::Capture;
 using testing::HasSubstr;
 using utils::IORTUTriggerMode;
@@ -30,24 +33,7 @@ constexpr uint32_t grey = V4L2_PIX_FMT_GREY;
 constexpr uint32_t rgb3 = V4L2_PIX_FMT_RGB24;
 constexpr size_t containerSize = 50333896;
 
-uint32_t word(const uint8_t* bytes, size_t offset)
-{
-    uint32_t value;
-    std::memcpy(&value, bytes + offset, sizeof value);
-    return value;
-}
-
-// Runs `body` and expects an `Error` whose text is exactly `text`.
-template <typename Error, typename Body>
-void expectError(Body body, const std::string& text)
-{
-    try {
-        body();
-        ADD_FAILURE() << "no error; expected \"" << text << "\"";
-    } catch (const Error& e) {
-        EXPECT_EQ(e.what(), text);
-    }
-}
+using testing::ThrowsMessage;
 
 class CaptureTest : public ::testing::Test {
 protected:
@@ -167,12 +153,12 @@ TEST_F(CaptureTest, FrameSizeErrors)
         capture().storeFrame(small.data(), usedSize, f);
     };
     // The checks come before any byte is read: `small` stands in for buffers far larger.
-    expectError<utils::UtilsError>([&] { store(true, format(grey, 1, 1), 50331649); },
-                                   "the desiered size 50331657 is invalid");
-    expectError<utils::UtilsError>([&] { store(false, format(rgb3, 8192, 8192), 8192u * 8192u * 3u); },
-                                   "the desiered size 201326600 is invalid");
-    expectError<utils::UtilsRuntimeError>([&] { store(false, format(grey, 8, 8), 63); },
-                                          "invalid frame buffer size.");
+    EXPECT_THAT([&] { store(true, format(grey, 1, 1), 50331649); },
+                ThrowsMessage<utils::UtilsError>("the desiered size 50331657 is invalid"));
+    EXPECT_THAT([&] { store(false, format(rgb3, 8192, 8192), 8192u * 8192u * 3u); },
+                ThrowsMessage<utils::UtilsError>("the desiered size 201326600 is invalid"));
+    EXPECT_THAT([&] { store(false, format(grey, 8, 8), 63); },
+                ThrowsMessage<utils::UtilsRuntimeError>("invalid frame buffer size."));
     EXPECT_THROW(store(false, format(V4L2_PIX_FMT_MJPEG, 8, 8), 64), std::out_of_range);
 
     // Exactly the capacity fits, and then both checksum stores are the same four bytes.
@@ -299,12 +285,7 @@ TEST_F(CaptureTest, FailuresInsideAcquisitionStartAreLoggedAndIgnored)
 
 TEST_F(CaptureTest, RouteReplies)
 {
-    struct Step {
-        const char* command;
-        const char* status;
-        const char* message;
-    };
-    const Step steps[] = {
+    k52test::expectExchanges(h, {
         {"GetCapturePaddingMode", "OK", "GetCapturePaddingMode: disable"},
         {"SetCapturePaddingMode 1", "OK", "SetCapturePaddingMode: enable"},
         {"GetCapturePaddingMode", "OK", "GetCapturePaddingMode: enable"},
@@ -316,15 +297,8 @@ TEST_F(CaptureTest, RouteReplies)
         {"SetCaptureBenchmarkPeriod 250", "OK", "SetCaptureBenchmarkPeriod: 250 msec"},
         {"SetCaptureBenchmarkPeriod", "OK", "SetCaptureBenchmarkPeriod: 1000 msec"},
         {"CaptureStreamStop", "OK", "CaptureStreamStop: CaptureStreamStop stopped."},
-        {"CaptureAcceleratedProcessing 0", "OK",
-         "CaptureEnableAcceleratedProcessing: Accelerator disabled."},
-    };
-    for (const auto& step : steps) {
-        SCOPED_TRACE(step.command);
-        auto [status, message] = h.run(step.command);
-        EXPECT_EQ(status, step.status);
-        EXPECT_EQ(message, step.message);
-    }
+        {"CaptureAcceleratedProcessing 0", "OK", "CaptureEnableAcceleratedProcessing: Accelerator disabled."},
+    });
     EXPECT_TRUE(capture().streamOverWire());
     EXPECT_EQ(capture().benchmarkPeriod(), 1000);
 }
@@ -348,7 +322,7 @@ TEST_F(CaptureTest, RouteArgumentsTheHandlersDoNotConvert)
                                 "CaptureAcceleratedProcessing 1 0 1457 0 10",
                                 "CaptureAcceleratedProcessing 1 0 10 0 1089"}) {
         SCOPED_TRACE(command);
-        expectError<utils::UtilsException>([&] { h.run(command); }, "Invalid ROI parameters.");
+        EXPECT_THAT([&] { h.run(command); }, ThrowsMessage<utils::UtilsException>("Invalid ROI parameters."));
     }
     EXPECT_FALSE(capture().isAcceleratorProccessing());
 }
