@@ -2,6 +2,7 @@
 // the client library that reads it; k52ctl saving the descriptor, static frames and frames of a
 // stream.
 #include "client/descriptor.h"
+#include "support/bytes.h"
 #include "support/daemonprocess.h"
 #include "support/process.h"
 #include "support/tempdir.h"
@@ -21,19 +22,8 @@ using testing::HasSubstr;
 
 namespace {
 
-uint32_t word(const std::string& bytes, size_t offset)
-{
-    uint32_t value;
-    std::memcpy(&value, bytes.data() + offset, sizeof value);
-    return value;
-}
-
-std::string hex(uint32_t value)
-{
-    char text[16];
-    std::snprintf(text, sizeof text, "0x%08x", value);
-    return text;
-}
+using k52test::word;
+using k52test::hex;
 
 // The route help, the sensor and the trigger unit under /settings/status.
 void expectStatus(const std::string& document)
@@ -115,12 +105,8 @@ TEST_F(Daemon, XmlDescriptorIsAFixedSizeMessageThenTheAcknowledgement)
             std::memcpy(bad.data() + used - 4, &fixed, 4);
             std::memcpy(bad.data() + 229372, &fixed, 4);
         }
-        try {
-            k52client::unpackXmlDescriptor(bad);
-            ADD_FAILURE() << "accepted";
-        } catch (const std::runtime_error& e) {
-            EXPECT_THAT(e.what(), HasSubstr(d.error));
-        }
+        EXPECT_THAT([&] { k52client::unpackXmlDescriptor(bad); },
+                    testing::ThrowsMessage<std::runtime_error>(HasSubstr(d.error)));
     }
 }
 

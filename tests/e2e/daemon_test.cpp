@@ -2,8 +2,10 @@
 // clients that misbehave, and shutdown.
 #include "client/connection.h"
 #include "client/notice.h"
+#include "support/bytes.h"
 #include "support/daemonprocess.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <syslog.h>
 #include <zlib.h>
@@ -22,12 +24,7 @@ using k52test::DaemonProcess;
 
 namespace {
 
-uint32_t word(const std::string& bytes, size_t offset)
-{
-    uint32_t value;
-    std::memcpy(&value, bytes.data() + offset, sizeof value);
-    return value;
-}
+using k52test::word;
 
 // One daemon shared by the tests that leave it as they found it.
 class Daemon : public ::testing::Test {
@@ -261,15 +258,9 @@ TEST(DaemonLifecycle, StartUpFailuresExitOne)
         {{{"container-path", containers}}, "Failed to lock file: " + containers + "k52app.lock"},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.reason);
-        try {
-            DaemonProcess daemon(c.overrides);
-            ADD_FAILURE() << "the daemon started";
-        } catch (const std::runtime_error& e) {
-            std::string error = e.what();
-            EXPECT_NE(error.find("k52app: start-up failed: "), std::string::npos) << error;
-            EXPECT_NE(error.find(c.reason), std::string::npos) << error;
-        }
+        EXPECT_THAT([&] { DaemonProcess daemon(c.overrides); },
+                    testing::ThrowsMessage<std::runtime_error>(testing::AllOf(
+                        testing::HasSubstr("k52app: start-up failed: "), testing::HasSubstr(c.reason))));
     }
     EXPECT_EQ(std::make_pair(inode("k52XMLContainer"), inode("k52generalContainer")), inodes);
     EXPECT_EQ(ControlClient("127.0.0.1", first.controlPort()).command("help").status(), "OK");

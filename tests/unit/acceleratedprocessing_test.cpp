@@ -3,6 +3,7 @@
 // the normalisation of a cropped region, the intensity category and the ROI rules.
 #include "core/middleware/acceleratedprocessing.h"
 #include "core/middleware/capture.h"
+#include "support/bytes.h"
 #include "support/routerharness.h"
 #include "support/syslogcapture.h"
 #include "utils/base/exceptions.h"
@@ -22,19 +23,14 @@
 
 namespace {
 
+using k52test::word;
+
 using k52app::AcceleratedProcessing;
 using Region = AcceleratedProcessing::Region;
 using Image = std::vector<uint8_t>;
 
 const std::string kernelFile = std::string(K52_SOURCE_DIR) + "/etc/opencl/image_processing.cl";
 constexpr const char* installedKernelFile = "/opt/corvane/k52app/etc/opencl/image_processing.cl";
-
-uint32_t word(const uint8_t* bytes, size_t offset)
-{
-    uint32_t value;
-    std::memcpy(&value, bytes + offset, sizeof value);
-    return value;
-}
 
 // Plain CPU versions of what the kernels compute: the edge pixels repeat their neighbour.
 int at(const Image& image, int width, int height, int x, int y)
@@ -210,12 +206,8 @@ TEST_F(AcceleratedProcessingTest, EnableRulesAndFramesTheRegionDoesNotFit)
     };
     gpu().enable(kernelFile, "sobelFilter", 10, 110, 20, 60);
     EXPECT_EQ(region(), std::vector<int>({100, 40, 10, 20}));
-    try {
-        gpu().enable(kernelFile, "sobelFilter", 0, 10, 0, 10);
-        ADD_FAILURE() << "enabled twice";
-    } catch (const utils::UtilsException& e) {
-        EXPECT_STREQ(e.what(), "Accelerated Proccessing is already enabled.");
-    }
+    EXPECT_THAT([&] { gpu().enable(kernelFile, "sobelFilter", 0, 10, 0, 10); },
+                testing::ThrowsMessage<utils::UtilsException>("Accelerated Proccessing is already enabled."));
     gpu().disable();
     EXPECT_EQ(region(), std::vector<int>({-1, -1, -1, -1}));
     EXPECT_THROW(gpu().enable(kernelFile, "noSuchKernel", 0, 10, 0, 10), utils::UtilsRuntimeError);

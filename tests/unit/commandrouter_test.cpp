@@ -3,6 +3,7 @@
 #include "utils/router/commandrouter.h"
 #include "utils/router/spinnerpool.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -97,13 +98,9 @@ TEST_F(CommandRouterTest, RefusesWithATextNamingWhatWasExpected)
         {"One 1.5", "One: argument 'value' expects a numerical value (-2147483648..2147483647), got '1.5'."},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.command);
-        try {
-            router.dispatch(c.command);
-            ADD_FAILURE() << "dispatched";
-        } catch (const UtilsRuntimeError& e) {
-            EXPECT_STREQ(e.what(), c.message);
-        }
+        EXPECT_THAT([&] { router.dispatch(c.command); },
+                    testing::ThrowsMessage<UtilsRuntimeError>(testing::StrEq(c.message)))
+            << c.command;
     }
 }
 
@@ -147,12 +144,7 @@ TEST(SpinnerPool, FifoAndBoundedEmptyWait)
     EXPECT_EQ(pool.dequeue().name(), "c");
 
     auto start = std::chrono::steady_clock::now();
-    try {
-        pool.dequeue();
-        FAIL() << "dequeued from an empty pool";
-    } catch (const UtilsException& e) {
-        EXPECT_STREQ(e.what(), "SpinnerPool is empty.");
-    }
+    EXPECT_THAT([&] { pool.dequeue(); }, testing::ThrowsMessage<UtilsException>("SpinnerPool is empty."));
     auto waited = std::chrono::steady_clock::now() - start;
     EXPECT_GE(waited, SpinnerPool::idleWait);
     EXPECT_LT(waited, SpinnerPool::idleWait * 5);

@@ -1,4 +1,5 @@
 #include "core/container/containermanager.h"
+#include "support/bytes.h"
 #include "support/syslogcapture.h"
 #include "support/tempdir.h"
 #include "utils/platform/emulated/board.h"
@@ -8,6 +9,7 @@
 #include <sys/stat.h>
 #include <syslog.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <tinyxml2.h>
 #include <zlib.h>
@@ -27,6 +29,8 @@ using k52app::K52Container;
 namespace fs = std::filesystem;
 
 namespace {
+
+using k52test::hex;
 
 constexpr std::size_t xmlSize = 229376;
 constexpr std::size_t generalSize = 50333896;
@@ -89,13 +93,6 @@ std::vector<std::pair<int, std::string>> messages(const k52test::SyslogCapture& 
         result.emplace_back(record.priority & 7, text.substr(end + 2, text.size() - end - 3));
     }
     return result;
-}
-
-std::string hex(uint32_t value)
-{
-    char text[11];
-    std::snprintf(text, sizeof text, "0x%08x", value);
-    return text;
 }
 
 class ContainerManagerTest : public ::testing::Test {
@@ -332,12 +329,8 @@ TEST_F(ContainerManagerTest, FailedConstructionLeavesNothingBehind)
             dir.writeFile(fs::path(c.obstacle).filename(), "not a directory");
         const auto before = entries(dir.path());
         const std::size_t descriptorsBefore = openDescriptors();
-        try {
-            ContainerManager manager(c.prefix);
-            ADD_FAILURE() << "construction succeeded";
-        } catch (const std::runtime_error& error) {
-            EXPECT_EQ(std::string(error.what()), c.message);
-        }
+        EXPECT_THAT([&] { ContainerManager manager(c.prefix); },
+                    testing::ThrowsMessage<std::runtime_error>(c.message));
         auto after = entries(dir.path());
         after.erase("k52app.lock");
         EXPECT_EQ(after, before);

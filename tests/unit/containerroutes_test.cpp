@@ -1,4 +1,5 @@
 #include "client/connection.h"
+#include "support/bytes.h"
 #include "support/routerharness.h"
 #include "utils/base/exceptions.h"
 #include "utils/io/imageserializer.h"
@@ -16,6 +17,10 @@
 
 namespace {
 
+using k52test::word;
+using k52test::hex;
+using k52test::fileBytes;
+
 using k52client::Connection;
 using k52client::Milliseconds;
 using testing::HasSubstr;
@@ -24,23 +29,9 @@ using testing::StartsWith;
 constexpr size_t descriptorSize = 229376;
 const Milliseconds patience(5000);
 
-uint32_t word(const std::string& bytes, size_t offset)
-{
-    uint32_t value;
-    std::memcpy(&value, bytes.data() + offset, sizeof value);
-    return value;
-}
-
 uint32_t zlibCrc(const std::string& bytes, size_t length)
 {
     return static_cast<uint32_t>(crc32(0, reinterpret_cast<const Bytef*>(bytes.data()), static_cast<uInt>(length)));
-}
-
-std::string hex(uint32_t value)
-{
-    char text[16];
-    std::snprintf(text, sizeof text, "0x%08x", value);
-    return text;
 }
 
 // A client on one of the daemon's sockets, accepted by the socket itself: the harness runs no
@@ -68,12 +59,6 @@ bool nothingMoreArrived(Connection& client)
 {
     char byte;
     return ::recv(client.descriptor(), &byte, 1, MSG_DONTWAIT) < 0 && errno == EAGAIN;
-}
-
-std::string fileBytes(const std::string& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 const tinyxml2::XMLElement* child(const tinyxml2::XMLNode* parent, const char* name)

@@ -3,6 +3,7 @@
 #include "utils/platform/emulated/board.h"
 #include "utils/platform/emulated/gpiochip.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -214,14 +215,8 @@ TEST_F(IOGPIOTest, FailuresNameTheLineAndTheChip)
         {"edge out of range", [] { IOGPIO(12, 0, 0, 4, "gpiochip0"); }, "edge 4"},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        try {
-            c.call();
-            ADD_FAILURE() << "no exception";
-        } catch (const utils::UtilsError& error) {
-            EXPECT_NE(std::string(error.what()).find(c.expectedText), std::string::npos)
-                << error.what();
-        }
+        EXPECT_THAT(c.call, testing::ThrowsMessage<utils::UtilsError>(testing::HasSubstr(c.expectedText)))
+            << c.name;
     }
 }
 

@@ -6,6 +6,7 @@
 #include "utils/platform/emulated/i2cbus.h"
 #include "utils/platform/kernel.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/i2c-dev.h>
 #include <linux/i2c.h>
@@ -196,13 +197,8 @@ TEST_F(I2CTest, InjectedFaultsReachTheDriver)
         uint8_t value = 0;
         EXPECT_EQ(file.readRegister(0, value), -c.error);
         const uint8_t data[] = {0, 1};
-        try {
-            file.send(data);
-            ADD_FAILURE() << "send succeeded despite the fault";
-        } catch (const utils::IOError& e) {
-            EXPECT_NE(std::string(e.what()).find("0x50 on /dev/i2c-2"), std::string::npos)
-                << e.what();
-        }
+        EXPECT_THAT([&] { file.send(data); },
+                    testing::ThrowsMessage<utils::IOError>(testing::HasSubstr("0x50 on /dev/i2c-2")));
         board->faults().clear("/dev/i2c-2");
         EXPECT_EQ(file.readRegister(0, value), 0);
     }
@@ -243,12 +239,8 @@ TEST_F(I2CTest, RTUHalfwordRegistersAreBigEndian)
     EXPECT_EQ(device->writes.back(), std::vector<uint8_t>{19});
 
     utils::IOI2CRTU absent("/dev/i2c-1", 67, O_RDWR);
-    try {
-        absent.readRTUHalfwordRegister(14);
-        ADD_FAILURE() << "read from an absent device succeeded";
-    } catch (const utils::IOError& e) {
-        EXPECT_NE(std::string(e.what()).find("RTU register 14"), std::string::npos) << e.what();
-    }
+    EXPECT_THAT([&] { absent.readRTUHalfwordRegister(14); },
+                testing::ThrowsMessage<utils::IOError>(testing::HasSubstr("RTU register 14")));
 }
 
 } // namespace

@@ -5,6 +5,7 @@
 #include "utils/platform/emulated/board.h"
 #include "utils/platform/emulated/illuminationmodel.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -49,12 +50,7 @@ protected:
     template <typename Call>
     void expectIOError(Call call, const char* text)
     {
-        try {
-            call();
-            ADD_FAILURE() << "no IOError; expected one containing '" << text << "'";
-        } catch (const utils::IOError& e) {
-            EXPECT_NE(std::string(e.what()).find(text), std::string::npos) << e.what();
-        }
+        EXPECT_THAT(call, testing::ThrowsMessage<utils::IOError>(testing::HasSubstr(text)));
     }
 
     std::shared_ptr<EmulatedBoard> board_;

@@ -5,6 +5,7 @@
 #include "utils/platform/emulated/imxmodel.h"
 #include "utils/platform/kernel.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <tinyxml2.h>
 
@@ -84,12 +85,8 @@ TEST_F(IMXTest, FaultsBecomeIOErrorsNamingTheDevice)
 {
     for (Fault fault : {Fault::ioError, Fault::timeout}) {
         board->faults().inject("/dev/imx0", fault);
-        try {
-            imx->getSensorModel();
-            ADD_FAILURE() << "no error";
-        } catch (const utils::IOError& e) {
-            EXPECT_NE(std::string(e.what()).find("/dev/imx0"), std::string::npos) << e.what();
-        }
+        EXPECT_THAT([&] { imx->getSensorModel(); },
+                    testing::ThrowsMessage<utils::IOError>(testing::HasSubstr("/dev/imx0")));
         board->faults().clear("/dev/imx0");
     }
     board->faults().inject("/dev/imx0", Fault::openFails);

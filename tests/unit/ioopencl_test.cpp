@@ -1,6 +1,7 @@
 #include "utils/base/exceptions.h"
 #include "utils/io/ioopencl.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <stdlib.h>
@@ -99,14 +100,9 @@ TEST_F(IOOpenCLTest, KernelLoadingFailuresExplainThemselves)
         {"no such file", (directory_ / "absent.cl").string(), "f", "absent.cl"},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        try {
-            opencl_.loadKernel(c.file, c.kernel);
-            ADD_FAILURE() << "loaded";
-        } catch (const utils::UtilsError& error) {
-            EXPECT_NE(std::string(error.what()).find(c.expectedText), std::string::npos)
-                << error.what();
-        }
+        EXPECT_THAT([&] { opencl_.loadKernel(c.file, c.kernel); },
+                    testing::ThrowsMessage<utils::UtilsError>(testing::HasSubstr(c.expectedText)))
+            << c.name;
     }
     EXPECT_THROW(opencl_.executeKernel(), utils::UtilsRuntimeError) << "nothing was loaded";
 

@@ -2,6 +2,7 @@
 #include "utils/base/exceptions.h"
 #include "utils/platform/emulated/textfile.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <stdexcept>
@@ -145,13 +146,9 @@ TEST(RTURoutes, RangeChecksOfTriggerModeAndDeviceState)
               utils::platform::emulated::SensorBus::Trigger::manual);
 
     for (const char* command : {"SetRTUDeviceState 0", "SetRTUDeviceState 7", "SetRTUDeviceState -1"}) {
-        SCOPED_TRACE(command);
-        try {
-            h.run(command);
-            ADD_FAILURE() << "no exception";
-        } catch (const utils::UtilsOutOfRangeError& e) {
-            EXPECT_STREQ(e.what(), "Device state out of range [1, 6]");
-        }
+        EXPECT_THAT([&] { h.run(command); },
+                    testing::ThrowsMessage<utils::UtilsOutOfRangeError>("Device state out of range [1, 6]"))
+            << command;
     }
     // Refused before the unit: the state stays, and the group is free again.
     expectExchanges(h, {{"GetRTUDeviceState", "OK", "GetDeviceState: Device state: 6"}});

@@ -1,6 +1,7 @@
 #include "utils/base/exceptions.h"
 #include "utils/net/tcpsocket.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
@@ -91,29 +92,28 @@ std::chrono::milliseconds timeToTimeout(Call call)
                                                                  start);
 }
 
-// Receives until something arrives; a test must not depend on the first wait being enough.
-std::string receiveSomething(TCPSocket& socket, int client)
+// Retries `call` past its bounded waits; a test must not depend on the first wait being enough.
+template <typename Call>
+auto withinAttempts(Call call) -> decltype(call())
 {
     for (int attempt = 0; attempt < 40; ++attempt) {
         try {
-            return socket.receive(client);
+            return call();
         } catch (const utils::UtilsTimeoutException&) {
         }
     }
-    ADD_FAILURE() << "nothing received";
+    ADD_FAILURE() << "nothing arrived";
     return {};
+}
+
+std::string receiveSomething(TCPSocket& socket, int client)
+{
+    return withinAttempts([&] { return socket.receive(client); });
 }
 
 int acceptWithin(TCPSocket& socket)
 {
-    for (int attempt = 0; attempt < 40; ++attempt) {
-        try {
-            return socket.acceptConnection();
-        } catch (const utils::UtilsTimeoutException&) {
-        }
-    }
-    ADD_FAILURE() << "no client accepted";
-    return -1;
+    return withinAttempts([&] { return socket.acceptConnection(); });
 }
 
 } // namespace
@@ -239,14 +239,8 @@ TEST(TCPSocket, MisuseAndSetupFailuresNameTheProblem)
         {"not activated", [] { TCPSocket("ctrl"); }, "no activated socket named 'ctrl'"},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        try {
-            c.call();
-            ADD_FAILURE() << "no exception";
-        } catch (const utils::UtilsError& error) {
-            EXPECT_NE(std::string(error.what()).find(c.expectedText), std::string::npos)
-                << error.what();
-        }
+        EXPECT_THAT(c.call, testing::ThrowsMessage<utils::UtilsError>(testing::HasSubstr(c.expectedText)))
+            << c.name;
     }
 }
 

@@ -2,6 +2,7 @@
 #include "utils/container/xmlblock.h"
 #include "utils/container/xmlblockserializer.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <tinyxml2.h>
 
@@ -244,14 +245,9 @@ TEST_F(XmlBlockTest, CommitNeedsRoomForTheTerminatingZero)
             EXPECT_EQ(block->text[blockSize - 1], 0);
             continue;
         }
-        try {
-            serializer.commit();
-            ADD_FAILURE() << "commit did not throw";
-        } catch (const utils::UtilsOutOfRangeError& error) {
-            EXPECT_EQ(std::string(error.what()), "XML content size=" +
-                                                     std::to_string(c.printedLength) +
-                                                     ", block-size=229356");
-        }
+        EXPECT_THAT([&] { serializer.commit(); },
+                    testing::ThrowsMessage<utils::UtilsOutOfRangeError>(
+                        "XML content size=" + std::to_string(c.printedLength) + ", block-size=229356"));
         EXPECT_EQ(std::memcmp(block->text, before.data(), blockSize), 0)
             << "a failed commit changed the block";
     }
