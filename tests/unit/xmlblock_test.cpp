@@ -148,8 +148,9 @@ TEST_F(XmlBlockTest, WalksFollowTheirOwnRules)
 }
 
 // A name that cannot be an element is published in its escaped form; the raw name never reaches
-// the block, where the next parse would reject the document and start a fresh one.
-TEST_F(XmlBlockTest, ElementNamesSurviveTheNextParse)
+// the block, where the next parse would reject the document and start a fresh one. Nor does a
+// document read leniently (text after the root) that would print as one that no longer parses.
+TEST_F(XmlBlockTest, CommittedDocumentsSurviveTheNextParse)
 {
     const std::pair<const char*, const char*> cases[] = {
         {"gradient-640x480.pgm", "gradient-640x480.pgm"},
@@ -180,6 +181,10 @@ TEST_F(XmlBlockTest, ElementNamesSurviveTheNextParse)
         EXPECT_STREQ(reread.findElement("/kept")->Name(), "kept");
         EXPECT_STREQ(reread.findElement(std::string("/f/") + published)->Name(), published);
     }
+    store("<a></a>uu</a>");
+    XMLBlockSerializer lenient(*block, "device");
+    EXPECT_THROW(lenient.commit(), utils::UtilsRuntimeError);
+    EXPECT_EQ(text(), "<a></a>uu</a>");
 }
 
 TEST_F(XmlBlockTest, DocumentWithoutElementGivesNullAndRefusesInsert)

@@ -184,6 +184,12 @@ void XMLBlockSerializer::commit()
     if (length >= XmlContainerBlock::size)
         throw UtilsOutOfRangeError("XML content size=" + std::to_string(length) +
                                    ", block-size=" + std::to_string(XmlContainerBlock::size));
+    // A document read leniently (text after the root, say) can print as one that no longer
+    // parses; storing it would cost the next reader the whole container.
+    tinyxml2::XMLDocument check(true, tinyxml2::PRESERVE_WHITESPACE);
+    if (check.Parse(printer_->CStr(), length) != tinyxml2::XML_SUCCESS)
+        throw UtilsRuntimeError(std::string("XML document not stored: it would not parse back (") +
+                                check.ErrorStr() + ")");
     std::memset(block_.text, 0, XmlContainerBlock::size);
     std::memcpy(block_.text, printer_->CStr(), length);
 }
