@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <stdexcept>
 #include <utility>
@@ -50,6 +51,15 @@ EmulatedConfig::Overrides withoutPorts(EmulatedConfig::Overrides overrides)
     return overrides;
 }
 
+// The daemon's signal handler logs and stops the core, as designed; that is not
+// async-signal-safe, and a sanitizer build must not fail the daemon for it. The caller's own
+// options (where reports go, halting on the first) still apply to the daemon.
+std::string tsanOptions()
+{
+    const char* caller = std::getenv("TSAN_OPTIONS");
+    return std::string("TSAN_OPTIONS=report_signal_unsafe=0") + (caller ? std::string(" ") + caller : "");
+}
+
 } // namespace
 
 DaemonProcess::DaemonProcess(const EmulatedConfig::Overrides& overrides,
@@ -73,7 +83,7 @@ DaemonProcess::DaemonProcess(SocketActivation, const EmulatedConfig::Overrides& 
     start({"/usr/bin/systemd-socket-activate", "-l", "127.0.0.1:" + std::to_string(controlPort_),
            "-l", "127.0.0.1:" + std::to_string(streamPort_), "--fdname=ctrl:stream",
            "-E", "K52TEST_SYSLOG_SOCKET=" + socketPath_, "-E", std::string("LD_PRELOAD=") + K52_SYSLOG_SHIM,
-           "-E", "ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=1", "-E", "TSAN_OPTIONS=report_signal_unsafe=0"},
+           "-E", "ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=1", "-E", tsanOptions()},
           {});
 }
 
@@ -97,9 +107,7 @@ void DaemonProcess::start(const std::vector<std::string>& launcher,
         std::string("LD_PRELOAD=") + K52_SYSLOG_SHIM,
         "K52TEST_SYSLOG_SOCKET=" + socketPath_,
         "ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=1",
-        // The daemon's signal handler logs and stops the core, as designed; that is not
-        // async-signal-safe, and a sanitizer build must not fail the daemon for it.
-        "TSAN_OPTIONS=report_signal_unsafe=0",
+        tsanOptions(),
     };
     for (char** e = environ; *e; ++e) {
         std::string entry = *e;
