@@ -10,6 +10,12 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
   systemd
+  # the kernel-VM suite: qemu, a busybox initramfs, the CUSE board server
+  qemu-system-x86 busybox-static cpio xz-utils zstd kmod libfuse3-dev fuse3
+  # Debian packages of k52app
+  debhelper dpkg-dev fakeroot lintian
+  # the Python client and the browser console, tested headless
+  python3-numpy python3-aiohttp python3-pytest python3-selenium chromium chromium-driver
 )
 
 # The OpenCL kernel lives at a fixed path, as on the camera.
@@ -36,8 +42,8 @@ echo "setup: installing ${missing[*]}" >&2
 sudo_cmd=()
 [ "$(id -u)" -ne 0 ] && sudo_cmd=(sudo)
 export DEBIAN_FRONTEND=noninteractive
-if ! "${sudo_cmd[@]}" apt-get install -y --no-install-recommends "${missing[@]}"; then
-  "${sudo_cmd[@]}" apt-get update
-  "${sudo_cmd[@]}" apt-get install -y --no-install-recommends "${missing[@]}"
+if ! "${sudo_cmd[@]}" apt-get -o DPkg::Lock::Timeout=900 install -y --no-install-recommends "${missing[@]}"; then
+  "${sudo_cmd[@]}" apt-get -o DPkg::Lock::Timeout=900 update
+  "${sudo_cmd[@]}" apt-get -o DPkg::Lock::Timeout=900 install -y --no-install-recommends "${missing[@]}"
 fi
 install_kernel
