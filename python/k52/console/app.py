@@ -178,6 +178,7 @@ async def socket(request: web.Request) -> web.WebSocketResponse:
     link: Link = app["link"]
     page = Page(link, ws, app["container_dir"])
     link.listeners.add(page.send)
+    app["sockets"].add(ws)
     try:
         await page.run({"op": "connect"})
         tasks = set()
@@ -198,6 +199,7 @@ async def socket(request: web.Request) -> web.WebSocketResponse:
                 task.add_done_callback(tasks.discard)
     finally:
         link.listeners.discard(page.send)
+        app["sockets"].discard(ws)
         await page.close()
     return ws
 
@@ -207,11 +209,15 @@ def make_app(host: str = DEFAULT_HOST, control_port: int = CONTROL_PORT, stream_
     app = web.Application()
     app["link"] = Link(host, control_port, stream_port)
     app["container_dir"] = container_dir
+    app["sockets"] = set()
     app.router.add_get("/", index)
     app.router.add_get("/ws", socket)
     app.router.add_static("/static", STATIC)
 
     async def shutdown(app: web.Application) -> None:
+        # Open pages would keep the server waiting; closing them also stops their streams.
+        for ws in list(app["sockets"]):
+            await ws.close(code=1001, message=b"console shutting down")
         await app["link"].disconnect()
     app.on_shutdown.append(shutdown)
     return app
@@ -232,5 +238,5 @@ def main(argv: list[str] | None = None) -> int:
               "camera; the control socket has no authentication", file=sys.stderr)
     app = make_app(args.daemon_host, args.control_port, args.stream_port, args.container_dir)
     print(f"k52console: http://{args.bind}:{args.port}/", file=sys.stderr, flush=True)
-    web.run_app(app, host=args.bind, port=args.port, print=None)
+    web.run_app(app, host=args.bind, port=args.port, print=None, shutdown_timeout=5)
     return 0
