@@ -10,8 +10,8 @@
 # temporary root, with the emulated board configuration.
 #
 # systemd is not booted in the VM (too heavy for a few-second test): systemd-socket-activate
-# opens the two listening sockets named as the socket units name them and runs the installed
-# service's ExecStart= line. Then k52ctl sends a command and streams frames, SIGTERM stops the
+# opens the two listening sockets named as the socket units name them and, on the first
+# connection, runs the installed service's ExecStart= line. Then k52ctl sends a command and streams frames, SIGTERM stops the
 # daemon, and the test checks that the container files appeared, were removed, and that the
 # exit status is 0.
 set -euo pipefail
@@ -86,6 +86,11 @@ ctl=("$root/usr/bin/k52ctl" --host 127.0.0.1 --port "${ports[0]}" --stream-port 
 systemd-socket-activate -l "127.0.0.1:${ports[0]}" -l "127.0.0.1:${ports[1]}" --fdname=ctrl:stream \
   "${command[@]}" >"$work/daemon.log" 2>&1 &
 daemon=$!
+# Like a socket unit, it starts the daemon on the first connection: one that only knocks.
+for _ in $(seq 50); do
+  (exec 3<>"/dev/tcp/127.0.0.1/${ports[0]}") 2>/dev/null && break
+  sleep 0.1
+done
 
 for _ in $(seq 100); do
   [ -f "${containers}k52XMLContainer" ] && [ -f "${containers}k52generalContainer" ] && break
