@@ -105,6 +105,7 @@ def test_stream_forms_and_notices(daemon, console, browser):
     browser.find_element(By.ID, "check").click()
     wait(browser, lambda d: d.find_element(By.ID, "containers").text.count(": ok") == 2)
     if os.environ.get("K52_CONSOLE_SCREENSHOT"):
+        browser.execute_script("window.scrollTo(0, 0)")
         browser.save_screenshot(os.environ["K52_CONSOLE_SCREENSHOT"])
     browser.find_element(By.ID, "stop").click()
     wait(browser, lambda d: d.find_element(By.ID, "start").is_enabled())
