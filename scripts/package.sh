@@ -77,6 +77,7 @@ for arch in "${arches[@]}"; do
     { tail -n 40 "$work/build.log" >&2; echo "package.sh: $arch build failed (log: $work/build.log)" >&2; exit 1; }
   echo "package.sh: $arch built in $((SECONDS - start)) s" >&2
 
+  # The -dbgsym package holds the debugging symbols, for reading a core dump from the board.
   for deb in "$work"/*.deb; do
     cp "$deb" dist/
     debs+=("dist/$(basename "$deb")")
