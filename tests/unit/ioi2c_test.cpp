@@ -100,89 +100,78 @@ TEST_F(I2CTest, RegisterAccessOnEveryGeneralBus)
     }
 }
 
-TEST_F(I2CTest, PlainReadAndWriteFollowTheRegisterPointer)
+// Raw I2C_SMBUS records as any i2c-dev client builds them, against the EEPROM (0x50) and the
+// temperature sensor (0x48) of /dev/i2c-3. The bus answers like an SMBus-only adapter.
+TEST_F(I2CTest, SMBusTransfersAsI2CDevAnswersThem)
 {
     int fd = openBus("/dev/i2c-3");
-    uint8_t byte = 0;
-
-    // No address selected yet: nothing acknowledges address 0.
-    errno = 0;
-    EXPECT_EQ(kernel().read(fd, &byte, 1), -1);
-    EXPECT_EQ(errno, ENXIO);
-
-    EXPECT_EQ(kernel().ioctl(fd, I2C_SLAVE, reinterpret_cast<void*>(0x80UL)), -1);
-    EXPECT_EQ(errno, EINVAL);
-    ASSERT_EQ(kernel().ioctl(fd, I2C_SLAVE, reinterpret_cast<void*>(0x50UL)), 0);
-
-    const uint8_t store[] = {0x10, 0xde, 0xad, 0xbe};
-    ASSERT_EQ(kernel().write(fd, store, sizeof store), 4);
-    const uint8_t pointer[] = {0x0f};
-    ASSERT_EQ(kernel().write(fd, pointer, 1), 1);
-    uint8_t got[5] = {};
-    ASSERT_EQ(kernel().read(fd, got, sizeof got), 5);
-    const uint8_t expected[] = {0xff, 0xde, 0xad, 0xbe, 0xff};
-    EXPECT_EQ(std::memcmp(got, expected, sizeof got), 0);
-
-    // The pointer wraps from the last register to the first.
-    const uint8_t last[] = {0xff};
-    ASSERT_EQ(kernel().write(fd, last, 1), 1);
-    ASSERT_EQ(kernel().read(fd, got, 3), 3);
-    EXPECT_EQ(got[0], 0xff);
-    EXPECT_EQ(got[1], 'K');
-    EXPECT_EQ(got[2], '5');
-
-    // I2C_SLAVE_FORCE selects too; the address belongs to this open file only.
-    ASSERT_EQ(kernel().ioctl(fd, I2C_SLAVE_FORCE, reinterpret_cast<void*>(0x48UL)), 0);
-    ASSERT_EQ(kernel().write(fd, pointer, 1), 1);
-    int other = openBus("/dev/i2c-3");
-    EXPECT_EQ(kernel().write(other, pointer, 1), -1);
-    EXPECT_EQ(errno, ENXIO);
-}
-
-TEST_F(I2CTest, ReadWriteIoctlIsOneTransferReportingItsMessages)
-{
-    int fd = openBus("/dev/i2c-2");
     unsigned long functions = 0;
     ASSERT_EQ(kernel().ioctl(fd, I2C_FUNCS, &functions), 0);
-    EXPECT_TRUE(functions & I2C_FUNC_I2C);
-    EXPECT_FALSE(functions & I2C_FUNC_10BIT_ADDR);
+    // quick, byte, byte data, word data, I2C block; no plain I2C, no SMBus block data.
+    EXPECT_EQ(functions, 0x0C7F0000UL);
 
-    uint8_t offset = 0;
-    uint8_t label[5] = {};
-    uint8_t sensorReg = 0x0f;
-    uint8_t id = 0;
-    i2c_msg messages[] = {
-        {0x50, 0, 1, &offset},
-        {0x50, I2C_M_RD, sizeof label, label},
-        {0x48, 0, 1, &sensorReg},
-        {0x48, I2C_M_RD, 1, &id},
-    };
-    i2c_rdwr_ioctl_data request{messages, 4};
-    ASSERT_EQ(kernel().ioctl(fd, I2C_RDWR, &request), 4);
-    EXPECT_EQ(std::string(reinterpret_cast<char*>(label), sizeof label), "K52 I");
-    EXPECT_EQ(id, 0xa5);
-
-    struct Refused {
+    struct Step {
         const char* what;
-        i2c_msg message;
-        uint32_t count;
+        uint8_t address;
+        uint8_t readWrite; // 1 read, 0 write
+        uint8_t command;
+        uint32_t size; // 0 quick, 1 byte, 2 byte data, 3 word data, 8 I2C block
+        std::vector<uint8_t> in; // the data union's first bytes before the call
         int error;
+        std::vector<uint8_t> out; // and after it
     };
-    uint8_t byte = 0;
-    const Refused refused[] = {
-        {"absent device", {0x22, I2C_M_RD, 1, &byte}, 1, ENXIO},
-        {"ten-bit address", {0x50, I2C_M_TEN, 1, &byte}, 1, EINVAL},
-        {"too long", {0x50, 0, 8193, &byte}, 1, EINVAL},
-        {"too many messages", {0x50, 0, 1, &byte}, 43, EINVAL},
+    const Step steps[] = {
+        {"nothing selected answers", 0x00, 1, 0x00, 2, {}, ENXIO, {}},
+        {"quick write probes", 0x50, 0, 0x00, 0, {}, 0, {}},
+        {"quick write to nobody", 0x51, 0, 0x00, 0, {}, ENXIO, {}},
+        {"byte data read", 0x50, 1, 0x01, 2, {}, 0, {'5'}},
+        {"byte data write", 0x50, 0, 0x20, 2, {0x5a}, 0, {0x5a}},
+        {"byte read follows the pointer", 0x50, 1, 0x00, 1, {}, 0, {0xff}},
+        {"byte write sets the pointer", 0x50, 0, 0x20, 1, {}, 0, {}},
+        {"byte read from it", 0x50, 1, 0x00, 1, {}, 0, {0x5a}},
+        {"word data is low byte first", 0x50, 1, 0x00, 3, {}, 0, {'K', '5'}},
+        {"word data write", 0x50, 0, 0x30, 3, {0x34, 0x12}, 0, {0x34, 0x12}},
+        {"read back as two bytes", 0x50, 1, 0x30, 8, {2}, 0, {2, 0x34, 0x12}},
+        {"I2C block write", 0x50, 0, 0x40, 8, {3, 'a', 'b', 'c'}, 0, {3, 'a', 'b', 'c'}},
+        {"I2C block read", 0x50, 1, 0x3f, 8, {4}, 0, {4, 0xff, 'a', 'b', 'c'}},
+        {"I2C block over 32 bytes", 0x50, 1, 0x00, 8, {33}, EINVAL, {33}},
+        {"read-only register", 0x48, 0, 0x00, 2, {7}, EIO, {7}},
+        {"identifier", 0x48, 1, 0x0f, 2, {}, 0, {0xa5}},
+        {"SMBus block data", 0x50, 1, 0x00, 5, {}, EOPNOTSUPP, {}},
+        {"unknown size", 0x50, 1, 0x00, 9, {}, EINVAL, {}},
+        {"direction neither read nor write", 0x50, 2, 0x00, 2, {}, EINVAL, {}},
     };
-    for (const Refused& r : refused) {
-        SCOPED_TRACE(r.what);
-        std::vector<i2c_msg> batch(r.count, r.message);
-        i2c_rdwr_ioctl_data data{batch.data(), r.count};
+    for (const Step& s : steps) {
+        SCOPED_TRACE(s.what);
+        ASSERT_EQ(kernel().ioctl(fd, I2C_SLAVE, reinterpret_cast<void*>(uintptr_t{s.address})), 0);
+        i2c_smbus_data data{};
+        std::memcpy(&data, s.in.data(), s.in.size());
+        i2c_smbus_ioctl_data request{s.readWrite, s.command, s.size, &data};
         errno = 0;
-        EXPECT_EQ(kernel().ioctl(fd, I2C_RDWR, &data), -1);
-        EXPECT_EQ(errno, r.error);
+        EXPECT_EQ(kernel().ioctl(fd, I2C_SMBUS, &request), s.error ? -1 : 0);
+        EXPECT_EQ(errno, s.error);
+        EXPECT_EQ(std::vector<uint8_t>(data.block, data.block + s.out.size()), s.out);
     }
+
+    // Transfers that need data refuse a missing buffer; the I2C-only ways are not there.
+    i2c_smbus_ioctl_data noData{1, 0x00, 2, nullptr};
+    EXPECT_EQ(kernel().ioctl(fd, I2C_SMBUS, &noData), -1);
+    EXPECT_EQ(errno, EINVAL);
+    uint8_t byte = 0;
+    EXPECT_EQ(kernel().read(fd, &byte, 1), -1);
+    EXPECT_EQ(errno, EOPNOTSUPP);
+    i2c_msg message{0x50, I2C_M_RD, 1, &byte};
+    i2c_rdwr_ioctl_data transfer{&message, 1};
+    EXPECT_EQ(kernel().ioctl(fd, I2C_RDWR, &transfer), -1);
+    EXPECT_EQ(errno, EOPNOTSUPP);
+
+    // The selected address belongs to this open file only; 7-bit addresses only.
+    int other = openBus("/dev/i2c-3");
+    i2c_smbus_ioctl_data quick{0, 0x00, 0, nullptr};
+    EXPECT_EQ(kernel().ioctl(other, I2C_SMBUS, &quick), -1);
+    EXPECT_EQ(errno, ENXIO);
+    EXPECT_EQ(kernel().ioctl(other, I2C_SLAVE, reinterpret_cast<void*>(0x80UL)), -1);
+    EXPECT_EQ(errno, EINVAL);
 }
 
 TEST_F(I2CTest, InjectedFaultsReachTheDriver)
@@ -196,8 +185,7 @@ TEST_F(I2CTest, InjectedFaultsReachTheDriver)
         board->faults().inject("/dev/i2c-2", c.fault);
         uint8_t value = 0;
         EXPECT_EQ(file.readRegister(0, value), -c.error);
-        const uint8_t data[] = {0, 1};
-        EXPECT_THAT([&] { file.send(data); },
+        EXPECT_THAT([&] { file.writeWord(0, 1); },
                     testing::ThrowsMessage<utils::IOError>(testing::HasSubstr("0x50 on /dev/i2c-2")));
         board->faults().clear("/dev/i2c-2");
         EXPECT_EQ(file.readRegister(0, value), 0);
@@ -223,8 +211,8 @@ TEST_F(I2CTest, ModelsJoinAnExistingBus)
     EXPECT_EQ(device->writes[0], std::vector<uint8_t>{0x07});
 }
 
-// 16-bit RTU registers travel most significant byte first.
-TEST_F(I2CTest, RTUHalfwordRegistersAreBigEndian)
+// 16-bit RTU registers are SMBus word data: low byte first on the wire.
+TEST_F(I2CTest, RTUHalfwordRegistersTravelLowByteFirst)
 {
     auto device = std::make_shared<RecordingDevice>();
     attachI2CBus(*board, "/dev/i2c-1").addDevice(66, device);
@@ -232,15 +220,45 @@ TEST_F(I2CTest, RTUHalfwordRegistersAreBigEndian)
 
     rtu.writeRTUHalfwordRegister(16, 0x1234);
     ASSERT_EQ(device->writes.size(), 1u);
-    EXPECT_EQ(device->writes[0], (std::vector<uint8_t>{16, 0x12, 0x34}));
+    EXPECT_EQ(device->writes[0], (std::vector<uint8_t>{16, 0x34, 0x12}));
 
-    device->answer = {0xab, 0xcd};
+    device->answer = {0xcd, 0xab};
     EXPECT_EQ(rtu.readRTUHalfwordRegister(19), 0xabcd);
     EXPECT_EQ(device->writes.back(), std::vector<uint8_t>{19});
 
     utils::IOI2CRTU absent("/dev/i2c-1", 67, O_RDWR);
     EXPECT_THAT([&] { absent.readRTUHalfwordRegister(14); },
                 testing::ThrowsMessage<utils::IOError>(testing::HasSubstr("RTU register 14")));
+}
+
+// A bus whose adapter knows byte transfers only, as some SMBus controllers do.
+class ByteOnlyBus final : public VirtualDevice {
+public:
+    std::unique_ptr<VirtualFile> open(int) override
+    {
+        struct File final : VirtualFile {
+            int ioctl(unsigned long request, void* argument) override
+            {
+                if (request == I2C_FUNCS)
+                    *static_cast<unsigned long*>(argument) = I2C_FUNC_SMBUS_BYTE_DATA;
+                return request == I2C_SLAVE || request == I2C_FUNCS ? 0 : fail(EOPNOTSUPP);
+            }
+        };
+        return std::make_unique<File>();
+    }
+};
+
+TEST_F(I2CTest, ATransferTheBusLacksIsNamed)
+{
+    board->attach("/dev/i2c-8", std::make_shared<ByteOnlyBus>());
+    utils::IOI2CFile file("/dev/i2c-8", 0x20);
+    const auto fails = [](const char* text) {
+        return testing::ThrowsMessage<utils::IOError>(testing::StrEq(
+            std::string("I2C transfer to address 0x20 on /dev/i2c-8 failed: ") + text));
+    };
+    EXPECT_THAT([&] { file.readWord(1); }, fails("the bus has no SMBus word-data reads"));
+    const uint8_t bytes[] = {1, 2};
+    EXPECT_THAT([&] { file.writeBlock(1, bytes); }, fails("the bus has no SMBus I2C-block writes"));
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 #include "utils/base/exceptions.h"
 #include "utils/io/ioautofocus.h"
 #include "utils/io/ioillumination.h"
+#include "utils/io/registeraccess.h"
 #include "utils/platform/emulated/autofocusmodel.h"
 #include "utils/platform/emulated/board.h"
 #include "utils/platform/emulated/illuminationmodel.h"
@@ -38,13 +39,13 @@ protected:
     void TearDown() override { installKernel(nullptr); }
 
     // A register as another process sees it: four little-endian bytes at its address.
-    std::array<uint8_t, 4> rawRegister(const char* path, off_t address)
+    std::array<uint8_t, 4> rawRegister(const char* path, uint32_t address)
     {
-        std::array<uint8_t, 4> bytes{};
+        k52_register_access request{address, 4, {}};
         int fd = kernel().open(path, O_RDWR);
-        EXPECT_EQ(kernel().pread(fd, bytes.data(), bytes.size(), address), 4);
+        EXPECT_EQ(kernel().ioctl(fd, K52_REGISTER_READ, &request), 0);
         kernel().close(fd);
-        return bytes;
+        return {request.data[0], request.data[1], request.data[2], request.data[3]};
     }
 
     template <typename Call>

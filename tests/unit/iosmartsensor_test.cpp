@@ -61,8 +61,7 @@ protected:
     {
         utils::IOI2CFile device(busPath, 40);
         std::string bytes(length, '\0');
-        uint8_t pointer[] = {reg};
-        device.sendThenReceive(pointer, {reinterpret_cast<uint8_t*>(bytes.data()), length});
+        device.readBlock(reg, {reinterpret_cast<uint8_t*>(bytes.data()), length});
         return bytes;
     }
 

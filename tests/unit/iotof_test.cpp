@@ -19,6 +19,9 @@ using namespace utils::platform;
 using namespace utils::platform::emulated;
 
 constexpr const char* tofPath = "/dev/k52tof";
+// The two register requests, as documented for C clients.
+constexpr unsigned long readRequest = 0xC108B900;
+constexpr unsigned long writeRequest = 0x4108B901;
 
 // A setting read through its out-parameter getter.
 template <typename T>
@@ -54,18 +57,30 @@ protected:
     }
     void TearDown() override { installKernel(nullptr); }
 
-    // Reads the device as any other process would, bypassing the driver.
-    std::vector<uint8_t> rawRead(off_t address, size_t length)
+    // One request on the device node as a C client on the board makes it, the record laid
+    // out by hand: u32 address at 0, u32 length at 4, the data from 8, 264 bytes in all.
+    // `data` goes in and comes back; returns the errno, 0 on success.
+    int rawRequest(unsigned long request, uint32_t address, uint32_t length,
+                   std::vector<uint8_t>& data)
     {
+        std::array<uint8_t, 264> record{};
+        std::memcpy(record.data(), &address, 4);
+        std::memcpy(record.data() + 4, &length, 4);
+        std::copy(data.begin(), data.end(), record.begin() + 8);
         int fd = kernel().open(tofPath, O_RDWR);
         EXPECT_GE(fd, 0);
-        std::vector<uint8_t> bytes(length);
-        EXPECT_EQ(kernel().pread(fd, bytes.data(), length, address),
-                  static_cast<ssize_t>(length));
+        int error = kernel().ioctl(fd, request, record.data()) < 0 ? errno : 0;
         kernel().close(fd);
+        data.assign(record.begin() + 8, record.begin() + 8 + data.size());
+        return error;
+    }
+    std::vector<uint8_t> rawRead(uint32_t address, uint32_t length)
+    {
+        std::vector<uint8_t> bytes(length);
+        EXPECT_EQ(rawRequest(readRequest, address, length, bytes), 0);
         return bytes;
     }
-    uint32_t rawRegister(off_t address)
+    uint32_t rawRegister(uint32_t address)
     {
         auto b = rawRead(address, 4);
         return b[0] | b[1] << 8 | b[2] << 16 | static_cast<uint32_t>(b[3]) << 24;
@@ -89,6 +104,43 @@ TEST_F(ToFTest, IsDeadUntilInitialisedAndAnswersWithItsDocumentedIdentity)
     EXPECT_NO_THROW(tof.throwIfDead());
     EXPECT_EQ(rawRead(0x00, 4), (std::vector<uint8_t>{0x01, 0x00, 0x52, 0x4B}));
     EXPECT_EQ(rawRegister(0x04) & 1u, 1u) << "STATUS.BOOTED";
+}
+
+TEST_F(ToFTest, RawRequestsAreCheckedAndAnswered)
+{
+    bootedSensor();
+    struct Case {
+        const char* what;
+        unsigned long request;
+        uint32_t address;
+        uint32_t length;
+        std::vector<uint8_t> data; // in, and expected back when it worked
+        int error;
+    };
+    const Case cases[] = {
+        {"frequency", writeRequest, 0x10, 4, {7, 0, 0, 0}, 0},
+        {"reads back", readRequest, 0x10, 4, {7, 0, 0, 0}, 0},
+        {"out of range", writeRequest, 0x10, 4, {61, 0, 0, 0}, ERANGE},
+        {"read-only register", writeRequest, 0x00, 4, {1, 0, 0, 0}, EPERM},
+        {"no such register", readRequest, 0x3c, 4, {0, 0, 0, 0}, EINVAL},
+        {"unaligned register", readRequest, 0x12, 4, {0, 0, 0, 0}, EINVAL},
+        {"half a register", readRequest, 0x10, 2, {0, 0}, EINVAL},
+        {"three table bytes", writeRequest, 0x203, 3, {0xaa, 0xbb, 0xcc}, 0},
+        {"read back inside the table", readRequest, 0x202, 5, {0, 0xaa, 0xbb, 0xcc, 0}, 0},
+        {"empty", readRequest, 0x200, 0, {}, EINVAL},
+        {"longer than a record holds", readRequest, 0x200, 257, {}, EINVAL},
+        {"past the address space", readRequest, 0xfffffff0, 16, {}, EINVAL},
+        {"a record of another size", 0xC008B900, 0x10, 4, {}, ENOTTY},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        std::vector<uint8_t> data =
+            c.request == writeRequest ? c.data : std::vector<uint8_t>(c.data.size());
+        EXPECT_EQ(rawRequest(c.request, c.address, c.length, data), c.error);
+        if (!c.error) {
+            EXPECT_EQ(data, c.data);
+        }
+    }
 }
 
 TEST_F(ToFTest, SettingsReadBackAsWritten)

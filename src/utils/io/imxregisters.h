@@ -3,7 +3,7 @@
 #include <cstdint>
 
 // The image-sensor control device's register file (docs/hardware/imx.md): 32-bit
-// little-endian registers below 0x100, one per pread/pwrite; byte tables from 0x100 on.
+// little-endian registers below 0x100, one per request; byte tables from 0x100 on.
 namespace utils::imx_registers {
 
 constexpr uint32_t sensorType = 0x00; // 0 colour, 1 monochrome

@@ -12,21 +12,17 @@ std::string registerName(unsigned char reg) { return "RTU register " + std::to_s
 
 unsigned short IOI2CRTU::readRTUHalfwordRegister(unsigned char reg) const
 {
-    const uint8_t offset[] = {reg};
-    uint8_t value[2];
     try {
-        sendThenReceive(offset, value);
+        return readWord(reg);
     } catch (const IOError& e) {
         throw IOError(registerName(reg) + e.what());
     }
-    return static_cast<unsigned short>(value[0] << 8 | value[1]);
 }
 
 void IOI2CRTU::writeRTUHalfwordRegister(unsigned char reg, unsigned short value) const
 {
-    const uint8_t bytes[] = {reg, static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)};
     try {
-        send(bytes);
+        writeWord(reg, value);
     } catch (const IOError& e) {
         throw IOError(registerName(reg) + e.what());
     }

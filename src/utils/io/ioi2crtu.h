@@ -6,8 +6,8 @@
 
 namespace utils {
 
-// The RTU's register interface on its I2C bus: 16-bit registers numbered by one byte,
-// transferred most significant byte first.
+// The RTU's register interface on its I2C bus: 16-bit registers numbered by one byte, each
+// read or written with one SMBus word-data transfer (low byte first on the wire).
 class IOI2CRTU : public IOI2CFile {
 public:
     // Register numbers of the analog output.

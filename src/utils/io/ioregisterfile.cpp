@@ -1,11 +1,13 @@
 #include "utils/io/ioregisterfile.h"
 
 #include "utils/base/exceptions.h"
+#include "utils/io/registeraccess.h"
 #include "utils/platform/kernel.h"
 
 #include <endian.h>
 
 #include <cerrno>
+#include <cstring>
 #include <thread>
 
 namespace utils {
@@ -16,6 +18,10 @@ namespace {
 // adding noticeable latency to commands that take a few milliseconds.
 constexpr auto pollInterval = std::chrono::milliseconds(1);
 
+// The record is an ABI shared with C clients and device servers: its layout must not drift.
+static_assert(sizeof(k52_register_access) == 8 + K52_REGISTER_DATA_MAX);
+static_assert(K52_REGISTER_READ == 0xC108B900u && K52_REGISTER_WRITE == 0x4108B901u);
+
 std::string registerText(const char* name) { return std::string("register ") + name + " of"; }
 
 } // namespace
@@ -23,25 +29,31 @@ std::string registerText(const char* name) { return std::string("register ") + n
 void IORegisterFile::readBlock(uint32_t address, void* data, size_t length,
                                const char* name) const
 {
-    ssize_t n = platform::kernel().pread(descriptor(), data, length, address);
-    if (n < 0)
+    k52_register_access request{};
+    if (length > sizeof request.data) {
+        errno = EINVAL;
         fail("Unable to read " + registerText(name));
-    if (static_cast<size_t>(n) != length) {
-        errno = EIO;
-        fail("Short read of " + registerText(name));
     }
+    request.address = address;
+    request.length = static_cast<uint32_t>(length);
+    if (platform::kernel().ioctl(descriptor(), K52_REGISTER_READ, &request) < 0)
+        fail("Unable to read " + registerText(name));
+    std::memcpy(data, request.data, length);
 }
 
 void IORegisterFile::writeBlock(uint32_t address, const void* data, size_t length,
                                 const char* name) const
 {
-    ssize_t n = platform::kernel().pwrite(descriptor(), data, length, address);
-    if (n < 0)
+    k52_register_access request{};
+    if (length > sizeof request.data) {
+        errno = EINVAL;
         fail("Unable to write " + registerText(name));
-    if (static_cast<size_t>(n) != length) {
-        errno = EIO;
-        fail("Short write of " + registerText(name));
     }
+    request.address = address;
+    request.length = static_cast<uint32_t>(length);
+    std::memcpy(request.data, data, length);
+    if (platform::kernel().ioctl(descriptor(), K52_REGISTER_WRITE, &request) < 0)
+        fail("Unable to write " + registerText(name));
 }
 
 uint32_t IORegisterFile::readRegister(uint32_t address, const char* name) const

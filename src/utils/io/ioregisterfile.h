@@ -9,14 +9,16 @@
 namespace utils {
 
 // A device node that exposes a register file: each 32-bit little-endian register sits at its
-// byte address and is reached with pread/pwrite at that offset; larger tables are blocks of
-// bytes at their own address. Shared by the board's own modules (ToF, illumination, autofocus).
-// Every failure names the register, the device path and the reason.
+// byte address; larger tables are blocks of bytes at their own address. Every access is one
+// K52_REGISTER_READ or K52_REGISTER_WRITE ioctl (utils/io/registeraccess.h). Shared by the
+// board's own modules (RTU, image-sensor control, ToF, illumination, autofocus). Every failure
+// names the register, the device path and the reason.
 class IORegisterFile : public IOFile {
 public:
     using IOFile::IOFile;
 
 protected:
+    // Blocks longer than one request can carry (K52_REGISTER_DATA_MAX) fail with EINVAL.
     uint32_t readRegister(uint32_t address, const char* name) const;
     void writeRegister(uint32_t address, uint32_t value, const char* name) const;
     void readBlock(uint32_t address, void* data, size_t length, const char* name) const;

@@ -97,11 +97,7 @@ IOI2CFile& IOSmartSensor::bus()
 
 void IOSmartSensor::write(uint8_t reg, const uint8_t* bytes, size_t length)
 {
-    std::vector<uint8_t> message;
-    message.reserve(1 + length);
-    message.push_back(reg);
-    message.insert(message.end(), bytes, bytes + length);
-    bus().send(message);
+    bus().writeBlock(reg, {bytes, length});
 }
 
 void IOSmartSensor::write(uint8_t reg, std::initializer_list<uint8_t> bytes)
@@ -111,8 +107,7 @@ void IOSmartSensor::write(uint8_t reg, std::initializer_list<uint8_t> bytes)
 
 void IOSmartSensor::read(uint8_t reg, uint8_t* bytes, size_t length)
 {
-    uint8_t pointer[] = {reg};
-    bus().sendThenReceive(pointer, {bytes, length});
+    bus().readBlock(reg, {bytes, length});
 }
 
 uint8_t IOSmartSensor::status()

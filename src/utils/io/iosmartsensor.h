@@ -24,7 +24,8 @@ public:
     static constexpr uint8_t chipId = 0x5C;
     static constexpr uint8_t gyroscope = 37;
     static constexpr size_t firmwareHeaderSize = 16;
-    static constexpr size_t firmwareChunkSize = 256;
+    // Firmware bytes per FW_DATA write: one I2C block holds the u32 offset and these.
+    static constexpr size_t firmwareChunkSize = IOI2CFile::maxBlockLength - 4;
     static constexpr size_t maxFirmwareSize = 64 * 1024; // the sensor's program RAM
 
     struct Register {

@@ -3,7 +3,7 @@
 #include <cstdint>
 
 // The RTU's register file on its device node (docs/hardware/rtu.md): 32-bit little-endian
-// registers below 0x100, one per pread/pwrite; the pin blocks above are tables of 32-bit words.
+// registers below 0x100, one per request; the pin blocks above are tables of 32-bit words.
 namespace utils::rtu_registers {
 
 constexpr uint32_t status = 0x00; // bits below

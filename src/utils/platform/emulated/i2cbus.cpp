@@ -7,7 +7,8 @@
 #include <linux/i2c.h>
 
 #include <algorithm>
-#include <vector>
+#include <array>
+#include <cstring>
 
 namespace utils::platform::emulated {
 
@@ -16,23 +17,9 @@ class I2CBus::Handle final : public VirtualFile {
 public:
     explicit Handle(std::shared_ptr<I2CBus> bus) : bus_(std::move(bus)) {}
 
-    ssize_t read(void* buffer, size_t length) override
-    {
-        length = std::min(length, maxMessageLength);
-        Message message{address_, true, {static_cast<uint8_t*>(buffer), length}};
-        int error = bus_->transfer({&message, 1});
-        return error ? fail(error) : static_cast<ssize_t>(length);
-    }
-
-    ssize_t write(const void* buffer, size_t length) override
-    {
-        length = std::min(length, maxMessageLength);
-        // The device only reads from the buffer; the span is mutable only to share Message.
-        auto* bytes = const_cast<uint8_t*>(static_cast<const uint8_t*>(buffer));
-        Message message{address_, false, {bytes, length}};
-        int error = bus_->transfer({&message, 1});
-        return error ? fail(error) : static_cast<ssize_t>(length);
-    }
+    // Plain reads and writes are I2C messages, which an SMBus-only adapter cannot send.
+    ssize_t read(void* /*buffer*/, size_t /*length*/) override { return fail(EOPNOTSUPP); }
+    ssize_t write(const void* /*buffer*/, size_t /*length*/) override { return fail(EOPNOTSUPP); }
 
     int ioctl(unsigned long request, void* argument) override
     {
@@ -50,7 +37,7 @@ public:
         case I2C_FUNCS: {
             if (!argument)
                 return fail(EFAULT);
-            *static_cast<unsigned long*>(argument) = I2C_FUNC_I2C;
+            *static_cast<unsigned long*>(argument) = functions;
             return 0;
         }
         case I2C_RETRIES:
@@ -58,35 +45,117 @@ public:
         case I2C_PEC:
             return 0;
         case I2C_RDWR:
-            return readWrite(static_cast<i2c_rdwr_ioctl_data*>(argument));
-        case I2C_SMBUS:
             return fail(EOPNOTSUPP);
+        case I2C_SMBUS:
+            return smbus(static_cast<const i2c_smbus_ioctl_data*>(argument));
         default:
             return fail(ENOTTY);
         }
     }
 
 private:
-    int readWrite(const i2c_rdwr_ioctl_data* request)
+    // The SMBus transfers the adapter carries: all the single-register ones, no SMBus block
+    // data or process calls.
+    static constexpr unsigned long functions = I2C_FUNC_SMBUS_QUICK | I2C_FUNC_SMBUS_BYTE |
+                                               I2C_FUNC_SMBUS_BYTE_DATA |
+                                               I2C_FUNC_SMBUS_WORD_DATA | I2C_FUNC_SMBUS_I2C_BLOCK;
+
+    // One SMBus transfer, checked and copied as i2c-dev does: the caller's data is read only
+    // where the transfer needs it and written only when a read succeeds.
+    int smbus(const i2c_smbus_ioctl_data* request)
     {
-        if (!request || (request->nmsgs && !request->msgs))
+        if (!request)
             return fail(EFAULT);
-        if (request->nmsgs > maxMessages)
+        uint32_t size = request->size;
+        switch (size) {
+        case I2C_SMBUS_QUICK:
+        case I2C_SMBUS_BYTE:
+        case I2C_SMBUS_BYTE_DATA:
+        case I2C_SMBUS_WORD_DATA:
+        case I2C_SMBUS_PROC_CALL:
+        case I2C_SMBUS_BLOCK_DATA:
+        case I2C_SMBUS_I2C_BLOCK_BROKEN:
+        case I2C_SMBUS_I2C_BLOCK_DATA:
+        case I2C_SMBUS_BLOCK_PROC_CALL:
+            break;
+        default:
             return fail(EINVAL);
-        std::vector<Message> messages;
-        messages.reserve(request->nmsgs);
-        for (uint32_t i = 0; i < request->nmsgs; ++i) {
-            const i2c_msg& m = request->msgs[i];
-            if (m.len > maxMessageLength || (m.flags & (I2C_M_TEN | I2C_M_RECV_LEN)))
-                return fail(EINVAL);
-            if (m.len && !m.buf)
-                return fail(EFAULT);
-            if (m.addr > 0x7f)
-                return fail(EINVAL);
-            messages.push_back({m.addr, (m.flags & I2C_M_RD) != 0, {m.buf, m.len}});
         }
-        int error = bus_->transfer(messages);
-        return error ? fail(error) : static_cast<int>(request->nmsgs);
+        const uint8_t direction = request->read_write;
+        if (direction != I2C_SMBUS_READ && direction != I2C_SMBUS_WRITE)
+            return fail(EINVAL);
+        const bool reading = direction == I2C_SMBUS_READ;
+        const bool usesData = size != I2C_SMBUS_QUICK && !(size == I2C_SMBUS_BYTE && !reading);
+        if (usesData && !request->data)
+            return fail(EINVAL);
+
+        const size_t dataSize = size == I2C_SMBUS_BYTE || size == I2C_SMBUS_BYTE_DATA ? 1
+                                : size == I2C_SMBUS_WORD_DATA ? 2
+                                                              : sizeof(i2c_smbus_data);
+        i2c_smbus_data data{};
+        if (usesData && (!reading || size == I2C_SMBUS_I2C_BLOCK_DATA))
+            std::memcpy(&data, request->data, dataSize);
+        if (size == I2C_SMBUS_I2C_BLOCK_BROKEN) {
+            size = I2C_SMBUS_I2C_BLOCK_DATA;
+            if (reading)
+                data.block[0] = I2C_SMBUS_BLOCK_MAX;
+        }
+        if (int error = transfer(reading, request->command, size, data))
+            return fail(error);
+        if (usesData && reading)
+            std::memcpy(request->data, &data, dataSize);
+        return 0;
+    }
+
+    // The SMBus transfer as the I2C messages that make it up on the wire: the command byte,
+    // then the payload in the same message (write) or after a repeated start (read). Word
+    // data travels low byte first.
+    int transfer(bool reading, uint8_t command, uint32_t size, i2c_smbus_data& data)
+    {
+        std::array<uint8_t, 1 + I2C_SMBUS_BLOCK_MAX> bytes{command};
+        size_t length = 0;
+        switch (size) {
+        case I2C_SMBUS_QUICK: {
+            Message quick{address_, reading, {}};
+            return bus_->transfer({&quick, 1});
+        }
+        case I2C_SMBUS_BYTE: {
+            Message single{address_, reading, {reading ? &data.byte : bytes.data(), 1}};
+            return bus_->transfer({&single, 1});
+        }
+        case I2C_SMBUS_BYTE_DATA:
+            length = 1;
+            bytes[1] = data.byte;
+            break;
+        case I2C_SMBUS_WORD_DATA:
+            length = 2;
+            bytes[1] = static_cast<uint8_t>(data.word);
+            bytes[2] = static_cast<uint8_t>(data.word >> 8);
+            break;
+        case I2C_SMBUS_I2C_BLOCK_DATA:
+            length = data.block[0];
+            if (length > I2C_SMBUS_BLOCK_MAX)
+                return EINVAL;
+            std::copy_n(data.block + 1, length, bytes.begin() + 1);
+            break;
+        default:
+            return EOPNOTSUPP; // not among the adapter's functions
+        }
+        if (!reading) {
+            Message write{address_, false, {bytes.data(), 1 + length}};
+            return bus_->transfer({&write, 1});
+        }
+        Message messages[] = {{address_, false, {bytes.data(), 1}},
+                              {address_, true, {bytes.data() + 1, length}}};
+        if (int error = bus_->transfer(messages))
+            return error;
+        if (size == I2C_SMBUS_BYTE_DATA)
+            data.byte = bytes[1];
+        else if (size == I2C_SMBUS_WORD_DATA)
+            data.word = static_cast<uint16_t>(bytes[1] | bytes[2] << 8);
+        else
+            std::copy_n(bytes.begin() + 1, length, data.block + 1);
+        return 0;
     }
 
     std::shared_ptr<I2CBus> bus_;

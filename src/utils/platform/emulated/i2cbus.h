@@ -26,16 +26,13 @@ public:
     virtual bool read(std::span<uint8_t> data) = 0;
 };
 
-// An i2c-dev node (/dev/i2c-N) with its devices. Answers read/write after I2C_SLAVE or
-// I2C_SLAVE_FORCE, I2C_RDWR (one transfer, repeated starts between its messages) and
-// I2C_FUNCS. A transfer to an address without a device fails with ENXIO, as the address phase
-// gets no acknowledge.
+// An i2c-dev node (/dev/i2c-N) on an SMBus-only adapter, with its devices. Answers I2C_SLAVE
+// or I2C_SLAVE_FORCE, I2C_FUNCS and I2C_SMBUS: quick, byte, byte data, word data and I2C block
+// data, each turned into the I2C messages that make it up on the wire. Plain read/write and
+// I2C_RDWR fail with EOPNOTSUPP. A transfer to an address without a device fails with ENXIO,
+// as the address phase gets no acknowledge.
 class I2CBus final : public VirtualDevice, public std::enable_shared_from_this<I2CBus> {
 public:
-    // The largest message i2c-dev accepts, and the most messages in one I2C_RDWR.
-    static constexpr size_t maxMessageLength = 8192;
-    static constexpr size_t maxMessages = 42;
-
     // `path` is the node's path, under which `faults` holds its injected faults.
     I2CBus(std::string path, FaultInjector& faults);
 

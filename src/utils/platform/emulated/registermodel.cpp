@@ -1,5 +1,7 @@
 #include "utils/platform/emulated/registermodel.h"
 
+#include "utils/io/registeraccess.h"
+
 #include <endian.h>
 
 #include <cstring>
@@ -12,52 +14,51 @@ public:
     // Shares the model so that an open descriptor outlives a re-attached node.
     explicit Handle(std::shared_ptr<RegisterModel> model) : owner_(std::move(model)), model_(*owner_) {}
 
-    ssize_t pread(void* buffer, size_t length, off_t offset) override
+    int ioctl(unsigned long request, void* argument) override
     {
-        if (!addressable(length, offset))
+        if (request != K52_REGISTER_READ && request != K52_REGISTER_WRITE)
+            return fail(ENOTTY);
+        if (!argument)
+            return fail(EFAULT);
+        auto& access = *static_cast<k52_register_access*>(argument);
+        if (!addressable(access.address, access.length))
             return fail(EINVAL);
-        auto address = static_cast<uint32_t>(offset);
         std::lock_guard lock(model_.mutex_);
-        int error = 0;
-        if (address < tableBase) {
-            uint32_t value = 0;
-            error = model_.readRegister(address, value);
-            value = htole32(value);
-            std::memcpy(buffer, &value, sizeof value);
-        } else {
-            error = model_.readTable(address, {static_cast<uint8_t*>(buffer), length});
-        }
-        return error ? fail(error) : static_cast<ssize_t>(length);
-    }
-
-    ssize_t pwrite(const void* buffer, size_t length, off_t offset) override
-    {
-        if (!addressable(length, offset))
-            return fail(EINVAL);
-        auto address = static_cast<uint32_t>(offset);
-        std::lock_guard lock(model_.mutex_);
-        int error = 0;
-        if (address < tableBase) {
-            uint32_t value = 0;
-            std::memcpy(&value, buffer, sizeof value);
-            error = model_.writeRegister(address, le32toh(value));
-        } else {
-            error = model_.writeTable(address, {static_cast<const uint8_t*>(buffer), length});
-        }
-        return error ? fail(error) : static_cast<ssize_t>(length);
+        const int error = request == K52_REGISTER_READ ? read(access) : write(access);
+        return error ? fail(error) : 0;
     }
 
 private:
-    // Registers take exactly one aligned word; tables any length inside the address space.
-    static bool addressable(size_t length, off_t offset)
+    // Registers take exactly one aligned word; tables up to a record's worth of bytes inside
+    // the 32-bit address space.
+    static bool addressable(uint32_t address, uint32_t length)
     {
-        if (offset < 0 || length == 0 ||
-            static_cast<unsigned long long>(offset) + length >
-                std::numeric_limits<uint32_t>::max())
+        if (length == 0 || length > K52_REGISTER_DATA_MAX ||
+            uint64_t{address} + length > std::numeric_limits<uint32_t>::max())
             return false;
-        if (offset < static_cast<off_t>(tableBase))
-            return length == sizeof(uint32_t) && offset % sizeof(uint32_t) == 0;
+        if (address < tableBase)
+            return length == sizeof(uint32_t) && address % sizeof(uint32_t) == 0;
         return true;
+    }
+
+    int read(k52_register_access& access)
+    {
+        if (access.address >= tableBase)
+            return model_.readTable(access.address, {access.data, access.length});
+        uint32_t value = 0;
+        int error = model_.readRegister(access.address, value);
+        value = htole32(value);
+        std::memcpy(access.data, &value, sizeof value);
+        return error;
+    }
+
+    int write(const k52_register_access& access)
+    {
+        if (access.address >= tableBase)
+            return model_.writeTable(access.address, {access.data, access.length});
+        uint32_t value = 0;
+        std::memcpy(&value, access.data, sizeof value);
+        return model_.writeRegister(access.address, le32toh(value));
     }
 
     std::shared_ptr<RegisterModel> owner_;

@@ -11,9 +11,10 @@
 
 namespace utils::platform::emulated {
 
-// The device side of a register-file node (the protocol of utils::IORegisterFile): addresses
-// below tableBase are 32-bit little-endian registers reached with 4-byte pread/pwrite at
-// 4-aligned offsets; from tableBase on, a model maps byte tables (calibration, results).
+// The device side of a register-file node (the protocol of utils::IORegisterFile, one
+// K52_REGISTER_READ/WRITE ioctl per access): addresses below tableBase are 32-bit little-endian
+// registers, reached with 4-byte requests at 4-aligned addresses; from tableBase on, a model
+// maps byte tables (calibration, results).
 // Calls arrive under the model's mutex, so a model's state needs no other lock.
 class RegisterModel : public VirtualDevice, public std::enable_shared_from_this<RegisterModel> {
 public:

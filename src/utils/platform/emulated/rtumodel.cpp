@@ -42,8 +42,9 @@ constexpr uint32_t pinWordLimit[] = {2, 1, 5, 1, 1, 1, 1, UINT32_MAX, UINT32_MAX
 } // namespace
 
 // The RTU's 16-bit registers on the I2C bus: the first byte written is the register number,
-// each further pair of bytes (most significant first) is written to successive registers; a
-// read returns successive registers from the last number written.
+// each further pair of bytes (least significant first, as SMBus word data carries it) is
+// written to successive registers; a read returns successive registers from the last number
+// written.
 class RtuModel::I2CRegisters final : public I2CDevice {
 public:
     explicit I2CRegisters(std::shared_ptr<RtuModel> unit) : unit_(std::move(unit)) {}
@@ -54,7 +55,7 @@ public:
             return true;
         pointer_ = data[0];
         for (size_t i = 1; i + 1 < data.size(); i += 2) {
-            if (!unit_->writeHalfword(pointer_++, static_cast<uint16_t>(data[i] << 8 | data[i + 1])))
+            if (!unit_->writeHalfword(pointer_++, static_cast<uint16_t>(data[i] | data[i + 1] << 8)))
                 return false;
         }
         return true;
@@ -65,9 +66,9 @@ public:
         for (size_t i = 0; i < data.size(); i += 2) {
             uint16_t value = 0;
             unit_->readHalfword(pointer_++, value); // unmapped registers read as 0
-            data[i] = static_cast<uint8_t>(value >> 8);
+            data[i] = static_cast<uint8_t>(value);
             if (i + 1 < data.size())
-                data[i + 1] = static_cast<uint8_t>(value);
+                data[i + 1] = static_cast<uint8_t>(value >> 8);
         }
         return true;
     }
