@@ -15,7 +15,7 @@ packages=(
   # Debian packages of k52app
   debhelper dpkg-dev fakeroot lintian
   # the Python client and the browser console, tested headless
-  python3-numpy python3-aiohttp python3-pytest python3-selenium chromium chromium-driver
+  python3-numpy python3-aiohttp python3-pytest python3-selenium python3-setuptools chromium chromium-driver
 )
 
 # The OpenCL kernel lives at a fixed path, as on the camera.
