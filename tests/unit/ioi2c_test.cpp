@@ -11,6 +11,7 @@
 #include <linux/i2c-dev.h>
 #include <linux/i2c.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <vector>
@@ -145,7 +146,7 @@ TEST_F(I2CTest, SMBusTransfersAsI2CDevAnswersThem)
         SCOPED_TRACE(s.what);
         ASSERT_EQ(kernel().ioctl(fd, I2C_SLAVE, reinterpret_cast<void*>(uintptr_t{s.address})), 0);
         i2c_smbus_data data{};
-        std::memcpy(&data, s.in.data(), s.in.size());
+        std::copy(s.in.begin(), s.in.end(), data.block);
         i2c_smbus_ioctl_data request{s.readWrite, s.command, s.size, &data};
         errno = 0;
         EXPECT_EQ(kernel().ioctl(fd, I2C_SMBUS, &request), s.error ? -1 : 0);
