@@ -1,4 +1,5 @@
 #include "support/routerharness.h"
+#include "utils/io/registeraccess.h"
 #include "utils/platform/emulated/virtualdevice.h"
 #include "utils/platform/kernel.h"
 
@@ -109,12 +110,14 @@ public:
     {
         struct File : utils::platform::emulated::VirtualFile {
             uint32_t type;
-            ssize_t pread(void* buffer, size_t length, off_t offset) override
+            int ioctl(unsigned long request, void* argument) override
             {
-                if (offset != 0 || length != sizeof type)
+                auto* access = static_cast<k52_register_access*>(argument);
+                if (request != K52_REGISTER_READ || access->address != 0 ||
+                    access->length != sizeof type)
                     return utils::platform::emulated::fail(EINVAL);
-                std::memcpy(buffer, &type, sizeof type);
-                return sizeof type;
+                std::memcpy(access->data, &type, sizeof type);
+                return 0;
             }
         };
         auto file = std::make_unique<File>();

@@ -41,7 +41,7 @@ GyroSetting gyroSetting()
     utils::IOI2CFile bus("/dev/i2c-5", 40);
     const uint8_t reg = 0x30;
     uint8_t bytes[9] = {};
-    bus.sendThenReceive({&reg, 1}, bytes);
+    bus.readBlock(reg, bytes);
     uint32_t rate;
     uint32_t latency;
     std::memcpy(&rate, bytes + 1, 4);
