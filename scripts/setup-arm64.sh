@@ -3,6 +3,10 @@
 # user-mode emulator (to run the arm64 tests on this machine) and the arm64 development packages
 # of k52app's libraries (multiarch). Quick when everything is present.
 #
+# The emulator is the static qemu-aarch64-static: the daemons under test get an arm64 LD_PRELOAD
+# (their syslog shim), which a dynamically linked emulator's own loader would try, and fail, to
+# load into itself.
+#
 # ISA-L's packages are not multiarch (they cannot be installed for arm64 next to the amd64 ones
 # the native build uses), so its arm64 library and development files are unpacked, not
 # installed, into a small side tree:
@@ -15,8 +19,8 @@
 set -euo pipefail
 
 sysroot=${K52_ARM64_SYSROOT:-/var/cache/k52app/arm64-sysroot}
-host_packages=(crossbuild-essential-arm64 qemu-user cmake ninja-build pkg-config opencl-headers)
-arm64_packages=(libtinyxml2-dev libsystemd-dev ocl-icd-opencl-dev libgtest-dev libgmock-dev
+host_packages=(crossbuild-essential-arm64 qemu-user-static cmake ninja-build pkg-config opencl-headers)
+arm64_packages=(libc6 libtinyxml2-dev libsystemd-dev ocl-icd-opencl-dev libgtest-dev libgmock-dev
                 libbenchmark-dev zlib1g-dev)
 isal_packages=(libisal2 libisal-dev)
 

@@ -1,5 +1,6 @@
 #include "support/daemonprocess.h"
 #include "support/bytes.h"
+#include "support/process.h"
 
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -99,6 +100,8 @@ void DaemonProcess::start(const std::vector<std::string>& launcher,
     int size = 4 << 20;
     ::setsockopt(sink_, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
     std::vector<std::string> arguments = launcher;
+    for (const auto& a : testLauncher())
+        arguments.push_back(a);
     for (const auto& a : std::vector<std::string>{K52APP_BINARY, "-c", config_.path()})
         arguments.push_back(a);
     arguments.insert(arguments.end(), extraArguments.begin(), extraArguments.end());

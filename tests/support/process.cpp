@@ -8,7 +8,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 #include <utility>
@@ -153,6 +155,17 @@ bool drain(int fd, std::string& into)
 
 } // namespace
 
+std::vector<std::string> testLauncher()
+{
+    std::vector<std::string> words;
+    if (const char* launcher = std::getenv("K52_TEST_LAUNCHER")) {
+        std::istringstream in(launcher);
+        for (std::string word; in >> word;)
+            words.push_back(word);
+    }
+    return words;
+}
+
 ProcessResult runProcess(const std::string& program, const std::vector<std::string>& arguments)
 {
     Pipe output, error;
@@ -162,15 +175,16 @@ ProcessResult runProcess(const std::string& program, const std::vector<std::stri
     posix_spawn_file_actions_adddup2(actions.get(), error.writeEnd(), STDERR_FILENO);
     SpawnAttributes attributes;
 
+    std::vector<std::string> words = testLauncher();
+    words.push_back(program);
+    words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv;
-    argv.push_back(const_cast<char*>(program.c_str()));
-    for (const auto& argument : arguments)
-        argv.push_back(const_cast<char*>(argument.c_str()));
+    for (auto& word : words)
+        argv.push_back(word.data());
     argv.push_back(nullptr);
 
     pid_t pid = 0;
-    int rc = ::posix_spawn(&pid, program.c_str(), actions.get(), attributes.get(), argv.data(),
-                           environ);
+    int rc = ::posix_spawn(&pid, argv[0], actions.get(), attributes.get(), argv.data(), environ);
     if (rc != 0) {
         errno = rc;
         throw systemError("posix_spawn " + program);

@@ -13,9 +13,15 @@ struct ProcessResult {
     std::string err;
 };
 
-// Runs `program` (argv[0] is the program path itself) with `arguments`, its standard input
-// /dev/null, and waits for it, collecting its standard output and standard error; a program
-// still running after ten seconds is killed (SIGKILL).
+// The command prefix that runs the programs under test (the daemon, k52ctl) from the
+// environment variable K52_TEST_LAUNCHER, split at spaces; empty when unset. A cross build's
+// tests set it to an emulator, e.g. "/usr/bin/qemu-aarch64-static",
+// as the machine cannot run the build's executables by itself. Its first word is an absolute path.
+std::vector<std::string> testLauncher();
+
+// Runs `program` (through testLauncher(); argv[0] is the program path itself) with `arguments`,
+// its standard input /dev/null, and waits for it, collecting its standard output and standard
+// error; a program still running after ten seconds is killed (SIGKILL).
 ProcessResult runProcess(const std::string& program, const std::vector<std::string>& arguments);
 
 } // namespace k52test
