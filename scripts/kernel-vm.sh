@@ -194,6 +194,8 @@ quiet="quiet loglevel=0"
 [ "${K52_VM_VERBOSE:-0}" = 1 ] && quiet=
 # Everything the VM prints arrives on the serial console (standard output); stdin stays closed
 # so that the console does not steal the terminal.
+# In the background, so that a signal to this script stops the VM too (timeout runs it in a
+# process group of its own, which a terminal's or a CI runner's signal does not reach).
 qemu_status=0
 timeout --kill-after=10 "$timeout_s" qemu-system-x86_64 -accel tcg -nographic -no-reboot \
     -m "${K52_VM_MEMORY:-2048}" -smp "$cpus" -cpu max -nic none -vga none \
@@ -203,7 +205,11 @@ timeout --kill-after=10 "$timeout_s" qemu-system-x86_64 -accel tcg -nographic -n
     -virtfs "local,path=/,mount_tag=hostroot,security_model=none,readonly=on,multidevs=remap" \
     -virtfs "local,path=$ctl,mount_tag=k52ctl,security_model=none,multidevs=remap" \
     -virtfs "local,path=$share,mount_tag=k52share,security_model=none,multidevs=remap" \
-    </dev/null || qemu_status=$?
+    </dev/null &
+vm=$!
+trap 'kill "$vm" 2>/dev/null; rm -rf "$ctl"' EXIT
+trap 'exit 143' INT TERM HUP
+wait "$vm" || qemu_status=$?
 if [ "$qemu_status" = 124 ] || [ "$qemu_status" = 137 ]; then
     echo "kernel-vm: the VM did not finish within $timeout_s s (--timeout)" >&2
     exit 124
