@@ -175,6 +175,8 @@ mount -t tmpfs -o mode=1777 shm /dev/shm
 ip link set lo up 2>/dev/null || ifconfig lo 127.0.0.1 up 2>/dev/null ||
     echo "kernel-vm: cannot bring lo up" >&2
 EOF
+    # The host's name, so that what a command sees of it matches a run outside the VM.
+    printf 'hostname %q\n' "$(hostname)"
     echo "export K52_VM_KERNEL_ROOT=$kroot"
     echo "mkdir -p /lib/modules/$version && mount --bind $moddir /lib/modules/$version"
     env | grep -E '^(PATH|HOME|LANG|TERM|K52_[A-Za-z0-9_]*|GTEST_[A-Za-z0-9_]*|CTEST_[A-Za-z0-9_]*)=' |

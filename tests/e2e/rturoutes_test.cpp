@@ -52,6 +52,7 @@ TEST(RTURoutesOnTheWire, RepliesAndColoursPerOutcome)
 
 TEST(RTURoutesOnTheWire, DeviceFailureIsAnOrangeIOException)
 {
+    K52_SKIP_ON_REAL_KERNEL("fault injection");
     DaemonProcess daemon({{"emulated-fault-io", std::string("/dev/k52rtu")}});
     ControlClient client("127.0.0.1", daemon.controlPort());
     auto ack = client.command("GetRTUFPS");

@@ -140,6 +140,7 @@ Notice awaitAcknowledgement(ControlClient& control, const std::string& text,
 
 TEST(Stream, StopByCommandWithSeveralWorkers)
 {
+    K52_SKIP_ON_REAL_KERNEL("its frame size and its processor count");
     DaemonProcess daemon(k52test::EmulatedConfig::Overrides{{"emulated-hardware-concurrency", "8"}});
     ControlClient control("127.0.0.1", daemon.config().controlPort());
     EXPECT_EQ(control.command("SetCaptureBenchmarkPeriod 250").reply(),
@@ -205,6 +206,7 @@ TEST(Stream, StopByCommandWithSeveralWorkers)
 // With one worker a running stream holds it; the stream client's departure ends the stream.
 TEST(Stream, DisconnectStopsTheStreamWithOneWorkerAndSigtermEndsAStreamCleanly)
 {
+    K52_SKIP_ON_REAL_KERNEL("its frame size");
     DaemonProcess daemon(k52test::EmulatedConfig::Overrides{{"emulated-hardware-concurrency", "2"}});
     ControlClient control("127.0.0.1", daemon.config().controlPort());
     std::vector<Notice> notices;

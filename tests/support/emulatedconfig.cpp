@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -27,9 +28,37 @@ uint16_t freePort()
     return ntohs(address.sin_port);
 }
 
+namespace {
+
+// The suites run against the emulated board unless K52_TEST_CONFIG names another base file
+// (absolute, or relative to the source tree), e.g. the kernel VM's.
+std::string baseConfigPath()
+{
+    const char* chosen = std::getenv("K52_TEST_CONFIG");
+    std::string path = chosen && *chosen ? chosen : "etc/k52app-emulated.conf";
+    return path[0] == '/' ? path : std::string(K52_SOURCE_DIR) + "/" + path;
+}
+
+} // namespace
+
+bool onRealKernel()
+{
+    static const bool realKernel = [] {
+        std::ifstream base(baseConfigPath());
+        for (std::string line; std::getline(base, line);) {
+            if (line.rfind("platform=", 0) == 0)
+                return line == "platform=linux";
+        }
+        return false;
+    }();
+    return realKernel;
+}
+
 EmulatedConfig::EmulatedConfig(const Overrides& overrides) : dir_("k52config")
 {
-    std::ifstream example(std::string(K52_SOURCE_DIR) + "/etc/k52app-emulated.conf");
+    std::ifstream example(baseConfigPath());
+    if (!example)
+        throw std::runtime_error("cannot read the base configuration " + baseConfigPath());
     for (std::string line; std::getline(example, line);) {
         if (line.empty() || line[0] == '#')
             continue;

@@ -9,6 +9,15 @@
 
 namespace k52test {
 
+// True when the base configuration (K52_TEST_CONFIG) drives the real kernel (platform=linux).
+bool onRealKernel();
+
+// For tests that need what only the emulated board has (fault injection, the button file, its
+// deterministic pattern): they skip, with the reason, on the real kernel.
+#define K52_SKIP_ON_REAL_KERNEL(reason)                                                          \
+    if (k52test::onRealKernel())                                                                 \
+    GTEST_SKIP() << "needs the emulated board: " << (reason)
+
 // A port nobody listens on right now (bound and released at once).
 uint16_t freePort();
 
