@@ -60,8 +60,9 @@ private:
 
     utils::platform::Kernel& board_;
     std::string path_;
-    PollWaiter pollWaiter_;
+    // Declared before the poll waiter, so that the waiter stops before the session goes.
     std::unique_ptr<fuse_session, SessionTeardown> session_;
+    PollWaiter pollWaiter_;
     std::atomic<bool> loopEnded_{false};
     std::thread loop_;
 };
