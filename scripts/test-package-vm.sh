@@ -98,9 +98,16 @@ for _ in $(seq 100); do
   sleep 0.2
 done
 [ -f "${containers}k52generalContainer" ] || die "no container files in $containers after 20 s"
-"$root/usr/bin/k52ctl" --dir "$containers" containers || die "the container files do not verify"
 
-timeout 20 "${ctl[@]}" GetRTUFPS || die "GetRTUFPS was not acknowledged with OK"
+# The files exist before the daemon has filled and checksummed them; once it answers a command
+# they are complete. Start-up takes seconds under an emulated CPU, so the first try may time out.
+answered=
+for _ in 1 2 3 4; do
+  timeout 20 "${ctl[@]}" GetRTUFPS && { answered=1; break; }
+  sleep 1
+done
+[ -n "$answered" ] || die "GetRTUFPS was not acknowledged with OK"
+"$root/usr/bin/k52ctl" --dir "$containers" containers || die "the container files do not verify"
 (cd "$work" && timeout 60 "${ctl[@]}" stream GREY 0 --frames 5) || die "streaming 5 frames failed"
 
 kill -TERM "$daemon"
