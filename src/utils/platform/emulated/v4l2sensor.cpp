@@ -647,10 +647,25 @@ int V4L2Sensor::setControl(v4l2_control& control)
         return fail(EINVAL);
     if (described->flags & V4L2_CTRL_FLAG_READ_ONLY)
         return fail(EACCES);
-    if (control.value < described->minimum || control.value > described->maximum)
-        return fail(ERANGE);
-    if (described->type == V4L2_CTRL_TYPE_MENU && !described->menu[control.value])
-        return fail(EINVAL);
+    // As the kernel's control framework: an integer is clamped into its range and rounded to
+    // its step, a boolean is any non-zero value, and only a menu refuses an index outside its
+    // range or one it skips. The value stored is handed back.
+    int64_t value = control.value;
+    if (described->type == V4L2_CTRL_TYPE_BOOLEAN) {
+        value = value != 0;
+    } else if (described->type == V4L2_CTRL_TYPE_MENU ||
+               described->type == V4L2_CTRL_TYPE_INTEGER_MENU) {
+        if (value < described->minimum || value > described->maximum)
+            return fail(ERANGE);
+        if (described->type == V4L2_CTRL_TYPE_MENU && !described->menu[value])
+            return fail(EINVAL);
+    } else {
+        const int64_t step = std::max(described->step, 1);
+        value = value >= int64_t(described->maximum) - step / 2 ? described->maximum : value + step / 2;
+        value = std::clamp<int64_t>(value, described->minimum, described->maximum);
+        value = described->minimum + (value - described->minimum) / step * step;
+    }
+    control.value = static_cast<int32_t>(value);
     std::lock_guard lock(mutex_);
     values_[described->id] = control.value;
     return 0;
