@@ -149,6 +149,11 @@ void DaemonProcess::start(const std::vector<std::string>& launcher,
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
+    // The sockets listen before the routes are registered and the workers run; under an
+    // emulated CPU that gap outlasts a client's reply timeout, so wait for the workers too.
+    deadline = Clock::now() + std::chrono::seconds(60);
+    while (findRecord("Core: started.") < 0 && running() && Clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
 }
 
 DaemonProcess::~DaemonProcess() { release(); }

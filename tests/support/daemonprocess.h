@@ -22,7 +22,8 @@ struct DaemonRecord {
 // directory, ports) and its syslog records collected through a preloaded shim.
 class DaemonProcess {
 public:
-    // Starts the daemon and waits until its control socket accepts connections.
+    // Starts the daemon and waits until its control socket accepts connections and its workers
+    // run ("Core: started.", unless it ends first).
     explicit DaemonProcess(const EmulatedConfig::Overrides& overrides = {},
                            const std::vector<std::string>& extraArguments = {});
 
