@@ -1,8 +1,11 @@
 #!/usr/bin/env bash
 # Builds and runs every test: once in a normal build, once under AddressSanitizer and
 # UndefinedBehaviorSanitizer; then the threaded suites under ThreadSanitizer, each fuzz target
-# for a bounded time and a two-minute soak of the daemon (docs/reliability.md).
-# K52_FUZZ_SECONDS (default 30) and K52_SOAK_MINUTES (default 2) change the last two.
+# for a bounded time and a two-minute soak of the daemon (docs/reliability.md); the Python
+# client and the browser console; the kernel suite in a VM on Debian's kernel; the Debian
+# package, installed and started in that VM; the arm64 cross build with its suites under
+# qemu-aarch64 (docs/deployment.md).
+# K52_FUZZ_SECONDS (default 30) and K52_SOAK_MINUTES (default 2) change the fuzz and soak times.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
@@ -10,7 +13,7 @@ scripts/setup.sh
 jobs=${K52_TEST_JOBS:-$(nproc)}
 
 echo "== tests (RelWithDebInfo)"
-scripts/build.sh build -DK52_BUILD_TESTS=ON -DK52_BUILD_BENCH=ON
+scripts/build.sh build -DK52_BUILD_TESTS=ON -DK52_BUILD_BENCH=ON -DK52_BUILD_CUSE=ON
 ctest --test-dir build --output-on-failure -j "$jobs"
 
 echo "== tests (AddressSanitizer + UndefinedBehaviorSanitizer)"
@@ -57,3 +60,16 @@ done
 
 echo "== soak (${K52_SOAK_MINUTES:-2} min)"
 scripts/soak.py --build build --minutes "${K52_SOAK_MINUTES:-2}" --csv build/soak.csv
+
+echo "== Python client and browser console"
+scripts/test-python.sh
+
+echo "== kernel suite (Debian's kernel in qemu)"
+K52_KERNEL_BUILD=build scripts/test-kernel.sh
+
+echo "== Debian package, installed and started in the kernel VM"
+scripts/package.sh amd64
+scripts/test-package-vm.sh
+
+echo "== arm64: cross build, suites under qemu-aarch64"
+scripts/test-arm64.sh
