@@ -11,8 +11,8 @@
 # the native build uses), so its arm64 library and development files are unpacked, not
 # installed, into a small side tree:
 #   K52_ARM64_SYSROOT (default /var/cache/k52app/arm64-sysroot)
-# cmake/toolchain-aarch64.cmake finds it there at build time, and qemu-aarch64's -L option
-# (scripts/test-arm64.sh) at run time.
+# cmake/toolchain-aarch64.cmake finds it there at build time, and the build tree's run path at
+# run time; DEBIAN/libisal2/shlibs there is the library's dependency line for dpkg-shlibdeps.
 #
 # No OpenCL platform is installed for arm64: the emulated board's tests of the accelerated path
 # skip without one, and the daemon starts without one.
@@ -57,13 +57,14 @@ version=$(apt-cache policy libisal2 | awk '/Candidate:/ {print $2}')
 if [ "$(cat "$sysroot/.version" 2>/dev/null)" != "$version" ]; then
     echo "setup-arm64: unpacking ISA-L $version for arm64 into $sysroot" >&2
     work=$(mktemp -d)
-    chmod 755 "$work"  # apt downloads as its own user
     trap 'rm -rf "$work"' EXIT
-    (cd "$work" && timeout 600 apt-get download "${isal_packages[@]/%/:arm64=$version}" >/dev/null) ||
+    (cd "$work" && timeout 600 apt-get -o APT::Sandbox::User="$(id -un)" download "${isal_packages[@]/%/:arm64=$version}" >/dev/null) ||
         die "cannot download ${isal_packages[*]} for arm64 (network or package lists: apt-get update)"
     "${sudo_cmd[@]}" rm -rf "$sysroot"
-    "${sudo_cmd[@]}" mkdir -p "$sysroot"
+    "${sudo_cmd[@]}" mkdir -p "$sysroot/DEBIAN"
     for deb in "$work"/*.deb; do "${sudo_cmd[@]}" dpkg-deb -x "$deb" "$sysroot"; done
+    # Its shlibs file, for dpkg-shlibdeps of an arm64 package (no dpkg database knows the library).
+    "${sudo_cmd[@]}" dpkg-deb -e "$work"/libisal2_*.deb "$sysroot/DEBIAN/libisal2"
     # pkg-config resolves the side tree's own paths, not the system's.
     "${sudo_cmd[@]}" sed -i "s|^prefix=.*|prefix=$sysroot/usr|" \
         "$sysroot/usr/lib/aarch64-linux-gnu/pkgconfig/libisal.pc"
