@@ -209,7 +209,7 @@ timeout --kill-after=10 "$timeout_s" qemu-system-x86_64 -accel tcg -nographic -n
     -virtfs "local,path=$share,mount_tag=k52share,security_model=none,multidevs=remap" \
     </dev/null &
 vm=$!
-trap 'kill "$vm" 2>/dev/null; rm -rf "$ctl"' EXIT
+trap 'kill "$vm" 2>/dev/null || true; rm -rf "$ctl"' EXIT
 trap 'exit 143' INT TERM HUP
 wait "$vm" || qemu_status=$?
 if [ "$qemu_status" = 124 ] || [ "$qemu_status" = 137 ]; then
