@@ -58,7 +58,7 @@ for arch in "${arches[@]}"; do
     scripts/setup-arm64.sh
     # ISA-L cannot be installed for arm64 beside the amd64 one (not multi-arch): setup-arm64.sh
     # unpacks it into a side tree that debian/rules uses, so its Build-Depends is not checked.
-    opts+=(-a "$arch" -P cross,nocheck -d)
+    opts+=("-a$arch" -Pcross,nocheck -d)
   else
     install_build_deps
   fi
