@@ -5,7 +5,7 @@ import collections
 import select
 import socket
 import time
-from typing import Callable, Iterator
+from typing import Callable, Iterator, Self
 
 from . import wire
 from .descriptor import Descriptor, Route, parse_descriptor, parse_route_help
@@ -50,7 +50,25 @@ def _read_exactly(sock: socket.socket, n: int, deadline: float, what: str) -> by
     return data
 
 
-class Control:
+class _Endpoint:
+    """One connected socket of the daemon's, closed on leaving a with block."""
+
+    _sock: socket.socket
+
+    def __enter__(self) -> Self:
+        return self
+
+    def __exit__(self, *exc) -> None:
+        self.close()
+
+    def close(self) -> None:
+        self._sock.close()
+
+    def fileno(self) -> int:
+        return self._sock.fileno()
+
+
+class Control(_Endpoint):
     """The control socket: commands out, acknowledgements and notices in.
 
     Unsolicited notices (stream progress, button edges) that arrive while waiting for an
@@ -63,18 +81,6 @@ class Control:
         self.pending: collections.deque[Notice] = collections.deque()
         self._answered = False  # the daemon has sent something: it accepted us
         self._sock = _connect(host, port, timeout)
-
-    def __enter__(self) -> "Control":
-        return self
-
-    def __exit__(self, *exc) -> None:
-        self.close()
-
-    def close(self) -> None:
-        self._sock.close()
-
-    def fileno(self) -> int:
-        return self._sock.fileno()
 
     def send(self, command: str) -> None:
         """Sends one command without waiting; only the text before a carriage return counts."""
@@ -162,7 +168,7 @@ class Control:
         return parse_route_help(ack.reply)
 
 
-class FrameStream:
+class FrameStream(_Endpoint):
     """The stream socket: verified frames, as they come.
 
     The daemon accepts a stream client on its own schedule and does not say so; `settle`
@@ -173,18 +179,6 @@ class FrameStream:
         self.timeout = timeout
         self._sock = _connect(host, port, timeout)
         time.sleep(settle)
-
-    def __enter__(self) -> "FrameStream":
-        return self
-
-    def __exit__(self, *exc) -> None:
-        self.close()
-
-    def close(self) -> None:
-        self._sock.close()
-
-    def fileno(self) -> int:
-        return self._sock.fileno()
 
     def next(self, timeout: float | None = None) -> Frame:
         """Reads and verifies the next frame (each in its own buffer, so earlier arrays stay valid)."""
