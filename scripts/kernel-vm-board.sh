@@ -13,11 +13,12 @@
 #                      plain files on a tmpfs: this kernel has no GPIO simulator, so the
 #                      analog-output lines are files that the RTU routes write and tests read
 # The button's GPIO chip cannot be simulated with this kernel: it is absent.
-# K52_CUSE_BOARD names the server binary (default: build-kvm/tools/cuseboard/k52-cuse-board).
+# K52_CUSE_BOARD names the server binary (default: build/tools/cuseboard/k52-cuse-board, the
+# build that scripts/test.sh makes with -DK52_BUILD_CUSE=ON).
 set -euo pipefail
 
 repo=$(cd "$(dirname "$0")/.." && pwd)
-server=${K52_CUSE_BOARD:-$repo/build-kvm/tools/cuseboard/k52-cuse-board}
+server=${K52_CUSE_BOARD:-$repo/build/tools/cuseboard/k52-cuse-board}
 
 die() { echo "kernel-vm-board: $*" >&2; exit 1; }
 load() { modprobe "$@" || die "cannot load kernel module $1 (is it in the kernel package?)"; }

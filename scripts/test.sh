@@ -69,7 +69,7 @@ K52_KERNEL_BUILD=build scripts/test-kernel.sh
 
 echo "== Debian package, installed and started in the kernel VM"
 scripts/package.sh amd64
-scripts/test-package-vm.sh
+K52_CUSE_BOARD=$PWD/build/tools/cuseboard/k52-cuse-board scripts/test-package-vm.sh
 
 echo "== arm64: cross build, suites under qemu-aarch64"
 scripts/test-arm64.sh
