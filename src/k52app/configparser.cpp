@@ -1,6 +1,7 @@
 #include "k52app/configparser.h"
 
 #include "utils/base/strings.h"
+#include "utils/version.h"
 
 #include <cctype>
 #include <cstdlib>
@@ -14,7 +15,7 @@ namespace {
 constexpr const char* programLabel = "k52app";
 constexpr const char* defaultConfigPath = "/etc/k52app/k52app.conf";
 constexpr const char* imageSensorPattern = "/dev/imx*";
-constexpr const char* versionText = "1.3.1";
+constexpr const char* versionText = utils::programVersion;
 
 void printVersionBanner()
 {

@@ -3,6 +3,7 @@
 #include "k52app/logrecord.h"
 #include "utils/container/xmlblockserializer.h"
 #include "utils/io/iocpuinfo.h"
+#include "utils/version.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -25,7 +26,6 @@ constexpr const char* generalFileName = "k52generalContainer";
 constexpr const char* lockFileName = "k52app.lock";
 
 constexpr const char* programName = "k52app";
-constexpr const char* programVersion = "1.3.1";
 constexpr const char* programBrief = "High performance hardware-proxy.";
 
 // Creates every directory above the file named by `path`, never the file itself.
@@ -245,7 +245,7 @@ void ContainerManager::initializeXMLContainer()
         const std::string startTime = utils::XMLBlockSerializer::to_string(now);
         const std::pair<const char*, std::string> factory[] = {
             {"/factory/name", programName},
-            {"/factory/version", programVersion},
+            {"/factory/version", utils::programVersion},
             {"/factory/hardware", cpuInfo.getHardware()},
             {"/factory/chipid", cpuInfo.getSerial()},
             {"/factory/start-time", startTime},

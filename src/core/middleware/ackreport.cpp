@@ -5,6 +5,7 @@
 #include "utils/base/crc.h"
 #include "utils/base/exceptions.h"
 #include "utils/net/tcpsocket.h"
+#include "utils/version.h"
 
 #include <unistd.h>
 
@@ -64,8 +65,9 @@ AckReport::AckReport(utils::TCPSocket& socket, std::mutex& socketMutex)
 
 std::string AckReport::formatNotice(uint32_t color, const std::string& message)
 {
-    return std::string("<font color=#") + headingColor + ">[" + localTime() + "] k52app-v1.3.1" +
-           hostPart() + "<\\font><font color=#" + lowerHex(color) + ">" + message + "<\\font>";
+    return std::string("<font color=#") + headingColor + ">[" + localTime() + "] k52app-v" +
+           utils::programVersion + hostPart() + "<\\font><font color=#" + lowerHex(color) + ">" +
+           message + "<\\font>";
 }
 
 void AckReport::sendColoredMessage(Color color, const std::string& message)
