@@ -2,12 +2,18 @@
 
 #include "utils/platform/kernel.h"
 
+#include <unistd.h>
+
 namespace utils {
 
-void FileDescriptor::reset(int fd)
+void FileDescriptor::reset(int fd) noexcept
 {
-    if (fd_ >= 0)
-        platform::kernel().close(fd_);
+    if (fd_ >= 0) {
+        if (closer_ == Closer::seam)
+            platform::kernel().close(fd_);
+        else
+            ::close(fd_);
+    }
     fd_ = fd;
 }
 

@@ -28,7 +28,9 @@ protected:
     // Whole-buffer transfers: throw IOError on failure or a short transfer.
     void readAll(void* buffer, size_t length, long offset = -1) const;
     void writeAll(const void* buffer, size_t length, long offset = -1) const;
-    // ioctl that throws IOError naming `what` on failure.
+    // ioctl, repeated while a signal interrupts it: false with errno set on failure.
+    bool tryControl(unsigned long request, void* argument) const;
+    // The same, throwing IOError naming `what` on failure.
     void control(unsigned long request, void* argument, const char* what) const;
 
     [[noreturn]] void fail(const std::string& what) const;
