@@ -1,6 +1,7 @@
 #include "core/commandrouter.h"
 
 #include "core/k52resourcemanager.h"
+#include "core/route/families.h"
 #include "k52app/logrecord.h"
 #include "utils/container/xmlblockserializer.h"
 
@@ -20,28 +21,34 @@ void K52CommandRouter::registerK52Commands()
 {
     struct Family {
         const char* line;
-        void (K52CommandRouter::*registerFamily)();
+        std::vector<k52app::Route> (*routes)(const RouteServices&);
     };
     static const Family families[] = {
-        {"\t* Container Routes... ", &K52CommandRouter::registerContainerCommands},
-        {"\t* Static-Frame Routes... ", &K52CommandRouter::registerStaticFrameCommands},
-        {"\t* V4L2 Routes", &K52CommandRouter::registerV4L2Commands},
-        {"\t* IMX Routes", &K52CommandRouter::registerIMXCommands},
-        {"\t* RTU Routes", &K52CommandRouter::registerRTUCommands},
-        {"\t* AF Routes", &K52CommandRouter::registerAutoFocusCommands},
-        {"\t* Illumination Routes", &K52CommandRouter::registerIlluminationCommands},
-        {"\t* I2C Routes", &K52CommandRouter::registerI2CCommands},
-        {"\t* I2C-RTU Routes", &K52CommandRouter::registerI2CRTUCommands},
-        {"\t* SmartSensor Routes", &K52CommandRouter::registerSmartSensorCommands},
-        {"\t* ToF Routes", &K52CommandRouter::registerToFCommands},
-        {"\t* CPU-info Routes", &K52CommandRouter::registerCpuInfoCommands},
-        {"\t* GPIO Routes", &K52CommandRouter::registerGPIOCommands},
-        {"\t* Middleware/Capture", &K52CommandRouter::registerCaptureCommands},
+        {"\t* Container Routes... ", containerRoutes},
+        {"\t* Static-Frame Routes... ", staticFrameRoutes},
+        {"\t* V4L2 Routes", v4l2Routes},
+        {"\t* IMX Routes", imxRoutes},
+        {"\t* RTU Routes", rtuRoutes},
+        {"\t* AF Routes", autoFocusRoutes},
+        {"\t* Illumination Routes", illuminationRoutes},
+        {"\t* I2C Routes", i2cRoutes},
+        {"\t* I2C-RTU Routes", i2cRtuRoutes},
+        {"\t* SmartSensor Routes", smartSensorRoutes},
+        {"\t* ToF Routes", tofRoutes},
+        {"\t* CPU-info Routes", cpuInfoRoutes},
+        {"\t* GPIO Routes", gpioRoutes},
+        {"\t* Middleware/Capture", captureRoutes},
     };
+    const RouteServices services{resources_, capture_, ackReport_, *this};
     K52_LOG(info) << "Registring K52 Routes... ";
     for (const auto& family : families) {
         K52_LOG(info) << family.line;
-        (this->*family.registerFamily)();
+        for (auto& route : family.routes(services)) {
+            const std::string name = route.name;
+            const std::string help = route.help;
+            const utils::SpinnerMetaData metadata{route.arguments};
+            registerRoute(name, help, metadata, makeHandler(resources_, std::move(route)));
+        }
     }
     K52_LOG(info) << "Registered K52 Routes.";
 }
@@ -92,6 +99,37 @@ void K52CommandRouter::toXml(tinyxml2::XMLElement* parent, tinyxml2::XMLDocument
         }
         parent->InsertEndChild(element);
     }
+}
+
+// Bridges for families still registering through members.
+std::vector<Route> containerRoutes(const RouteServices& services)
+{
+    services.router.registerContainerCommands();
+    return {};
+}
+
+std::vector<Route> staticFrameRoutes(const RouteServices& services)
+{
+    services.router.registerStaticFrameCommands();
+    return {};
+}
+
+std::vector<Route> cpuInfoRoutes(const RouteServices& services)
+{
+    services.router.registerCpuInfoCommands();
+    return {};
+}
+
+std::vector<Route> gpioRoutes(const RouteServices& services)
+{
+    services.router.registerGPIOCommands();
+    return {};
+}
+
+std::vector<Route> captureRoutes(const RouteServices& services)
+{
+    services.router.registerCaptureCommands();
+    return {};
 }
 
 } // namespace k52app

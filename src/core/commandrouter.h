@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/resourcegroups.h"
+#include "core/route/route.h"
 #include "core/routereply.h"
 #include "utils/router/commandrouter.h"
 
@@ -14,10 +15,6 @@ class XMLElement;
 
 namespace k52app {
 
-class AckReport;
-class Capture;
-class K52ResourceManager;
-
 // Every route of the daemon: registration by family, the help written into the XML container
 // as routes are registered, and the same help rendered on demand.
 class K52CommandRouter : public utils::CommandRouter {
@@ -26,6 +23,20 @@ public:
 
     // Registers every family in its fixed order.
     void registerK52Commands();
+
+    // Families not yet written as tables, reached from their table functions meanwhile.
+    void registerContainerCommands();
+    void registerStaticFrameCommands();
+    void registerRTUCommands();
+    void registerAutoFocusCommands();
+    void registerIlluminationCommands();
+    void registerI2CCommands();
+    void registerI2CRTUCommands();
+    void registerSmartSensorCommands();
+    void registerToFCommands();
+    void registerCpuInfoCommands();
+    void registerGPIOCommands();
+    void registerCaptureCommands();
 
     void registerRoute(const std::string& name, const std::string& description,
                        const utils::SpinnerMetaData& metadata, const RouteHandler& handler);
@@ -42,22 +53,6 @@ private:
         RouteHandler handler;
     };
     void registerRoutes(const std::vector<RouteEntry>& family);
-
-    // Families, one source file each under src/core/route/.
-    void registerContainerCommands();
-    void registerStaticFrameCommands();
-    void registerV4L2Commands();
-    void registerIMXCommands();
-    void registerRTUCommands();
-    void registerAutoFocusCommands();
-    void registerIlluminationCommands();
-    void registerI2CCommands();
-    void registerI2CRTUCommands();
-    void registerSmartSensorCommands();
-    void registerToFCommands();
-    void registerCpuInfoCommands();
-    void registerGPIOCommands();
-    void registerCaptureCommands();
 
     K52ResourceManager& resources_;
     Capture& capture_;

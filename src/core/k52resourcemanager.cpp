@@ -11,6 +11,8 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
+
 #include <stdexcept>
 
 namespace k52app {
@@ -82,6 +84,19 @@ void K52ResourceManager::buildDevices(const ConfigParser& config)
         number(config, "smart-sensor-irq-pin"), uint16_t{100}, value(config, "smart-sensor-fw-path"),
         printFunc);
     tof_ = std::make_unique<utils::IOToF>(value(config, "tof-path"), O_RDWR);
+}
+
+HeldGroups::HeldGroups(K52ResourceManager& resources, std::vector<K52ResourceGroups> groups)
+    : resources_(resources), groups_(std::move(groups))
+{
+    locks_.reserve(groups_.size());
+    for (const auto group : groups_)
+        locks_.emplace_back(resources_.getMutex(group));
+}
+
+bool HeldGroups::holds(K52ResourceGroups group) const
+{
+    return std::find(groups_.begin(), groups_.end(), group) != groups_.end();
 }
 
 std::mutex& K52ResourceManager::getMutex(const K52ResourceGroups& group)

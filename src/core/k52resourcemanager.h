@@ -18,11 +18,53 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace k52app {
 
 class ConfigParser;
+class K52ResourceManager;
+
+// The group that guards a device, and where the resource manager keeps it. Only devices that
+// belong to a group have one: a guard hands out nothing that runs unguarded.
+template <typename Device>
+struct DeviceGroup;
+
+// The groups a route holds, locked in the order given; the devices of
+// those groups are reachable only through it, so no device is used without its group.
+class HeldGroups {
+public:
+    HeldGroups(K52ResourceManager& resources, std::vector<K52ResourceGroups> groups);
+    HeldGroups(const HeldGroups&) = delete;
+    HeldGroups& operator=(const HeldGroups&) = delete;
+
+    // Throws std::logic_error when the device's group is not among the held ones: a route
+    // table that forgot a group fails at its first call instead of racing.
+    template <typename Device>
+    Device& device();
+
+private:
+    bool holds(K52ResourceGroups group) const;
+
+    K52ResourceManager& resources_;
+    std::vector<K52ResourceGroups> groups_;
+    std::vector<std::unique_lock<std::mutex>> locks_;
+};
+
+// One device together with its group's lock.
+template <typename Device>
+class LockedDevice {
+public:
+    LockedDevice(std::mutex& group, Device& device) : lock_(group), device_(device) {}
+    Device* operator->() { return &device_; }
+    Device& device() { return device_; }
+
+private:
+    std::lock_guard<std::mutex> lock_;
+    Device& device_;
+};
 
 // Owns every hardware handle, the two listening sockets and the containers, and gives out one
 // mutex per resource group. Members are built in declaration order and released in reverse.
@@ -37,6 +79,14 @@ public:
 
     // Throws UtilsRuntimeError for a value outside the fourteen groups.
     std::mutex& getMutex(const K52ResourceGroups& group);
+
+    // The device with its group held for the guard's life.
+    template <typename Device>
+    LockedDevice<Device> lock()
+    {
+        return {getMutex(DeviceGroup<Device>::group), (this->*DeviceGroup<Device>::get)()};
+    }
+    HeldGroups hold(std::vector<K52ResourceGroups> groups) { return {*this, std::move(groups)}; }
 
     ContainerManager& containers() { return *containers_; }
     const StaticFrameMap& staticFrames() const { return staticFrames_; }
@@ -81,5 +131,29 @@ private:
     std::unique_ptr<utils::IOSmartSensor> smartSensor_;
     std::unique_ptr<utils::IOToF> tof_;
 };
+
+#define K52_DEVICE_GROUP(Device, Group, accessor)                                           \
+    template <>                                                                            \
+    struct DeviceGroup<Device> {                                                           \
+        static constexpr K52ResourceGroups group = K52ResourceGroups::Group;               \
+        static constexpr Device& (K52ResourceManager::*get)() = &K52ResourceManager::accessor; \
+    };
+K52_DEVICE_GROUP(utils::IOV4L2, V4L2, v4l2)
+K52_DEVICE_GROUP(utils::IOIMX, IMX, imx)
+K52_DEVICE_GROUP(utils::IORTU, RTU, rtu)
+// The bridge talks to the same unit over I2C, so it shares the unit's group.
+K52_DEVICE_GROUP(utils::IOI2CRTU, RTU, rtuI2C)
+K52_DEVICE_GROUP(utils::IOSmartSensor, SMART_SENSOR, smartSensor)
+K52_DEVICE_GROUP(utils::IOAutoFocus, AUTOFOCUS, autoFocus)
+K52_DEVICE_GROUP(utils::IOIllumination, ILLUMINATION, illumination)
+#undef K52_DEVICE_GROUP
+
+template <typename Device>
+Device& HeldGroups::device()
+{
+    if (!holds(DeviceGroup<Device>::group))
+        throw std::logic_error("device used without its resource group");
+    return (resources_.*DeviceGroup<Device>::get)();
+}
 
 } // namespace k52app
