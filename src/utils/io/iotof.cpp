@@ -63,10 +63,15 @@ void IOToF::init_tof_sensor()
     alive_ = true;
 }
 
-void IOToF::throwIfDead() const
+bool IOToF::cameUp() const
 {
     std::lock_guard lock(mutex_);
-    if (!alive_)
+    return alive_;
+}
+
+void IOToF::throwIfDead() const
+{
+    if (!cameUp())
         throw UtilsRuntimeError("ToF '" + path() + "' is not initialized.");
 }
 
@@ -151,18 +156,21 @@ void IOToF::set_calibration_reflectance_percent(unsigned short percent)
 {
     std::lock_guard lock(mutex_);
     writeRegister(Register::calibrationReflectance, percent, "CAL_REFLECTANCE");
+    reflectance_ = percent;
 }
 
 void IOToF::set_calibration_nb_samples(unsigned char samples)
 {
     std::lock_guard lock(mutex_);
     writeRegister(Register::calibrationSamples, samples, "CAL_SAMPLES");
+    samples_ = samples;
 }
 
 void IOToF::set_calibration_distance(unsigned short millimetres)
 {
     std::lock_guard lock(mutex_);
     writeRegister(Register::calibrationDistance, millimetres, "CAL_DISTANCE");
+    distance_ = millimetres;
 }
 
 void IOToF::xtalk_calibration()

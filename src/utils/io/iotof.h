@@ -2,6 +2,7 @@
 
 #include "utils/io/ioregisterfile.h"
 
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -64,6 +65,8 @@ public:
     void init_tof_sensor();
     // Loads the module's factory zone offsets (checked by their CRC) into the sensor.
     void apply_calibration();
+    // Whether the last init_tof_sensor() succeeded.
+    bool cameUp() const;
     // Throws UtilsRuntimeError unless init_tof_sensor() has succeeded.
     void throwIfDead() const;
 
@@ -81,10 +84,18 @@ public:
     void set_integration_time(unsigned microseconds);
 
     // Parameters of the cross-talk calibration: the target's reflectance, the number of
-    // frames averaged and the target's distance in millimetres.
+    // frames averaged and the target's distance in millimetres. The sensor cannot report them
+    // back, so the getters return what was last set successfully (or the defaults 50, 10, 1000).
     void set_calibration_reflectance_percent(unsigned short percent);
     void set_calibration_nb_samples(unsigned char samples);
     void set_calibration_distance(unsigned short millimetres);
+    unsigned calibration_reflectance_percent() const { return reflectance_; }
+    unsigned calibration_nb_samples() const { return samples_; }
+    unsigned calibration_distance() const { return distance_; }
+    // Measurements per request as clients configure it; kept for them only, the sensor has no
+    // such setting.
+    void set_measurement_count(unsigned count) { measurementCount_ = count; }
+    unsigned measurement_count() const { return measurementCount_; }
     // Measures the cover glass cross-talk against the target described above.
     void xtalk_calibration();
 
@@ -105,6 +116,11 @@ private:
     bool alive_ = false;
     bool ranging_ = false;
     std::vector<uint16_t> results_;
+    // Atomic so that reading them back never waits behind a measurement holding the lock.
+    std::atomic<unsigned> reflectance_{50};
+    std::atomic<unsigned> samples_{10};
+    std::atomic<unsigned> distance_{1000};
+    std::atomic<unsigned> measurementCount_{1};
 };
 
 } // namespace utils
