@@ -62,12 +62,7 @@ void IOFile::writeAll(const void* buffer, size_t length, long offset) const
 
 bool IOFile::tryControl(unsigned long request, void* argument) const
 {
-    const int fd = descriptor();
-    int result;
-    do {
-        result = platform::kernel().ioctl(fd, request, argument);
-    } while (result < 0 && errno == EINTR);
-    return result >= 0;
+    return platform::ioctlRetrying(descriptor(), request, argument) >= 0;
 }
 
 void IOFile::control(unsigned long request, void* argument, const char* what) const

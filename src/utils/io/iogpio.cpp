@@ -123,7 +123,7 @@ int IOGPIO::getValue() const
                       "' is not open.");
     gpio_v2_line_values values{};
     values.mask = 1;
-    if (platform::kernel().ioctl(lineFd_.get(), GPIO_V2_LINE_GET_VALUES_IOCTL, &values) < 0)
+    if (platform::ioctlRetrying(lineFd_.get(), GPIO_V2_LINE_GET_VALUES_IOCTL, &values) < 0)
         fail("Unable to read the value of line " + std::to_string(line_) + " of");
     return static_cast<int>(values.bits & 1);
 }

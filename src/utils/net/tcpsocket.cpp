@@ -11,7 +11,6 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <systemd/sd-daemon.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -73,8 +72,10 @@ TCPSocket::TCPSocket(const std::string& name) : activationName_(name)
                                     "' is not a listening stream socket.");
         // Our own duplicate, so that closing this object never closes the service manager's
         // descriptor for another object that looked up the same name.
-        listener_ = ::fcntl(fd, F_DUPFD_CLOEXEC, SD_LISTEN_FDS_START + activated.count);
-        if (listener_ < 0)
+        const int lowest = SD_LISTEN_FDS_START + activated.count;
+        listener_ = FileDescriptor(::fcntl(fd, F_DUPFD_CLOEXEC, lowest),
+                                   FileDescriptor::Closer::system);
+        if (!listener_)
             throw IOError(describeFailure("Unable to take over"));
         return;
     }
@@ -88,7 +89,7 @@ TCPSocket::TCPSocket(TCPSocket&& other) noexcept
     : address_(std::move(other.address_)),
       port_(other.port_),
       activationName_(std::move(other.activationName_)),
-      listener_(std::exchange(other.listener_, -1)),
+      listener_(std::move(other.listener_)),
       client_(other.client_.exchange(-1))
 {
 }
@@ -97,21 +98,16 @@ TCPSocket& TCPSocket::operator=(TCPSocket&& other) noexcept
 {
     if (this != &other) {
         closeClient();
-        closeListener();
         address_ = std::move(other.address_);
         port_ = other.port_;
         activationName_ = std::move(other.activationName_);
-        listener_ = std::exchange(other.listener_, -1);
+        listener_ = std::move(other.listener_);
         client_.store(other.client_.exchange(-1));
     }
     return *this;
 }
 
-TCPSocket::~TCPSocket()
-{
-    closeClient();
-    closeListener();
-}
+TCPSocket::~TCPSocket() { closeClient(); }
 
 void TCPSocket::bindAndListen(int backlog)
 {
@@ -129,17 +125,17 @@ void TCPSocket::bindAndListen(int backlog)
                                 "': " + ::gai_strerror(rc));
     std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> resolved(found, &::freeaddrinfo);
 
-    closeListener();
+    listener_.reset();
     // Non-blocking, so that a client which vanishes between poll and accept cannot block us.
-    int fd = ::socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (fd < 0)
+    FileDescriptor created(
+        ::socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0),
+        FileDescriptor::Closer::system);
+    if (!created)
         throw IOError(describeFailure("Unable to create"));
-    listener_ = fd;
+    const int fd = created.get();
     // A failed set-up leaves the object not listening, as before the call.
     auto refuse = [this](const std::string& what) {
-        std::string message = describeFailure(what);
-        closeListener();
-        throw IOError(message);
+        throw IOError(describeFailure(what));
     };
     int on = 1;
     if (::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) < 0)
@@ -148,34 +144,37 @@ void TCPSocket::bindAndListen(int backlog)
         refuse("Unable to bind");
     if (::listen(fd, backlog) < 0)
         refuse("Unable to listen on");
+    listener_ = std::move(created);
 }
 
 int TCPSocket::acceptConnection()
 {
-    if (listener_ < 0)
+    if (!listener_)
         throw UtilsRuntimeError("TCPSocket: accept on a socket that is not listening.");
     if (client_.load() >= 0)
         throw UtilsRuntimeError("TCPSocket: client " + std::to_string(client_.load()) +
                                 " is still connected; close it before accepting another.");
-    int ready = waitFor(listener_, POLLIN, acceptTimeout);
+    int ready = waitFor(listener_.get(), POLLIN, acceptTimeout);
     if (ready < 0)
         throw UtilsRuntimeError(describeFailure("Unable to wait for clients on"));
     if (ready == 0)
         throw UtilsTimeoutException("TCPSocket: no client within the accept timeout.");
 
-    int fd = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-    if (fd < 0) {
+    FileDescriptor accepted(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC),
+                            FileDescriptor::Closer::system);
+    if (!accepted) {
         if (errno == EAGAIN || errno == EWOULDBLOCK || errno == ECONNABORTED || errno == EINTR)
             throw UtilsTimeoutException("TCPSocket: the client left before it was accepted.");
         throw UtilsRuntimeError(describeFailure("Unable to accept a client on"));
     }
     // Notices are small and latency matters more than packing them.
+    const int fd = accepted.get();
     int on = 1;
     ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     // A client that stops reading must not block a sender (who holds a lock) for ever.
     timeval limit{static_cast<time_t>(sendTimeout.count()), 0};
     ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-    client_.store(fd);
+    client_.store(accepted.release());
     return fd;
 }
 
@@ -250,7 +249,7 @@ uint16_t TCPSocket::localPort() const
 {
     sockaddr_storage address{};
     socklen_t length = sizeof address;
-    if (listener_ < 0 || ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) < 0)
+    if (!listener_ || ::getsockname(listener_.get(), reinterpret_cast<sockaddr*>(&address), &length) < 0)
         throw UtilsRuntimeError("TCPSocket: the socket is not bound.");
     if (address.ss_family == AF_INET6)
         return ntohs(reinterpret_cast<const sockaddr_in6*>(&address)->sin6_port);
@@ -259,15 +258,8 @@ uint16_t TCPSocket::localPort() const
 
 void TCPSocket::closeClient() noexcept
 {
-    int fd = client_.exchange(-1);
-    if (fd >= 0)
-        ::close(fd);
-}
-
-void TCPSocket::closeListener() noexcept
-{
-    if (listener_ >= 0)
-        ::close(std::exchange(listener_, -1));
+    // Unpublished before it closes, so no thread uses a number the kernel may hand out again.
+    FileDescriptor closing(client_.exchange(-1), FileDescriptor::Closer::system);
 }
 
 std::string TCPSocket::describeFailure(const std::string& what) const

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "utils/io/filedescriptor.h"
+
 #include <atomic>
 #include <chrono>
 #include <cstddef>
@@ -74,20 +76,20 @@ public:
 
     // The client being served, or -1.
     int client() const { return client_.load(); }
-    bool isListening() const { return listener_ >= 0; }
+    bool isListening() const { return listener_.valid(); }
     // The port the listening socket is bound to (useful after binding port 0).
     uint16_t localPort() const;
 
 private:
     void closeClient() noexcept;
-    void closeListener() noexcept;
     // `what` + " " + this socket's description + ": " + strerror(errno).
     std::string describeFailure(const std::string& what) const;
 
     std::string address_;
     uint16_t port_ = 0;
     std::string activationName_;
-    int listener_ = -1;
+    FileDescriptor listener_;
+    // Owned, but published as a plain number: other threads read it without the callers' lock.
     std::atomic<int> client_{-1};
 };
 

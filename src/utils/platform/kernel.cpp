@@ -4,6 +4,7 @@
 #include "utils/platform/linuxkernel.h"
 
 #include <atomic>
+#include <cerrno>
 
 namespace utils::platform {
 
@@ -31,6 +32,15 @@ Kernel& kernel()
         return *k;
     static LinuxKernel linuxKernel;
     return linuxKernel;
+}
+
+int ioctlRetrying(int fd, unsigned long request, void* argument)
+{
+    int result;
+    do {
+        result = kernel().ioctl(fd, request, argument);
+    } while (result < 0 && errno == EINTR);
+    return result;
 }
 
 std::shared_ptr<Kernel> installKernel(std::shared_ptr<Kernel> next)

@@ -31,6 +31,10 @@ public:
 // The kernel every driver uses. The Linux kernel unless another one was installed.
 Kernel& kernel();
 
+// kernel().ioctl, repeated while a signal interrupts it: a blocking device request must not
+// fail because the daemon caught a signal.
+int ioctlRetrying(int fd, unsigned long request, void* argument);
+
 // Installs `next` as the process's kernel and returns the previous one (null for the built-in
 // Linux kernel). Done once at start-up, before any device is opened, or by tests.
 std::shared_ptr<Kernel> installKernel(std::shared_ptr<Kernel> next);

@@ -1,6 +1,7 @@
 #include "utils/platform/emulated/gpiochip.h"
 
 #include "utils/base/exceptions.h"
+#include "utils/io/filedescriptor.h"
 #include "utils/platform/emulated/board.h"
 
 #include <fcntl.h>
@@ -323,12 +324,11 @@ public:
         if (!std::filesystem::is_directory(directory))
             throw UtilsRuntimeError("GPIOChip: the directory of the emulated button file '" +
                                     file_.string() + "' does not exist.");
-        inotify_ = ::inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-        if (inotify_ < 0 ||
-            ::inotify_add_watch(inotify_, directory.c_str(), IN_CLOSE_WRITE | IN_MOVED_TO) < 0) {
+        inotify_ = FileDescriptor(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK),
+                                  FileDescriptor::Closer::system);
+        if (!inotify_ || ::inotify_add_watch(inotify_.get(), directory.c_str(),
+                                             IN_CLOSE_WRITE | IN_MOVED_TO) < 0) {
             std::string reason = std::strerror(errno);
-            if (inotify_ >= 0)
-                ::close(inotify_);
             throw UtilsRuntimeError("GPIOChip: unable to watch '" + directory.string() +
                                     "' for the emulated button file: " + reason);
         }
@@ -336,24 +336,17 @@ public:
         thread_ = std::jthread([this](std::stop_token stop) { run(stop); });
     }
 
-    ~ButtonFileWatcher()
-    {
-        thread_.request_stop();
-        thread_.join();
-        ::close(inotify_);
-    }
-
 private:
     void run(std::stop_token stop)
     {
         alignas(inotify_event) char buffer[4096];
         while (!stop.stop_requested()) {
-            pollfd entry{inotify_, POLLIN, 0};
+            pollfd entry{inotify_.get(), POLLIN, 0};
             if (::poll(&entry, 1, 100) <= 0)
                 continue;
             bool ours = false;
             ssize_t n;
-            while ((n = ::read(inotify_, buffer, sizeof buffer)) > 0) {
+            while ((n = ::read(inotify_.get(), buffer, sizeof buffer)) > 0) {
                 for (char* p = buffer; p < buffer + n;) {
                     const auto* event = reinterpret_cast<const inotify_event*>(p);
                     if (event->len && file_.filename() == event->name)
@@ -377,8 +370,8 @@ private:
 
     std::shared_ptr<State> state_;
     std::filesystem::path file_;
-    int inotify_ = -1;
-    std::jthread thread_;
+    FileDescriptor inotify_;
+    std::jthread thread_; // last, so that it stops and joins before the descriptor closes
 };
 
 GPIOChip::GPIOChip(EmulatedBoard& board) : state_(std::make_shared<State>(board)) {}
