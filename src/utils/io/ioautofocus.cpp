@@ -4,6 +4,8 @@
 
 namespace utils {
 
+using namespace autofocus_registers;
+
 namespace {
 
 // The longest operation (a sweep) takes about 50 ms.

@@ -4,6 +4,8 @@
 
 namespace utils {
 
+using namespace illumination_registers;
+
 IOIllumination::IOIllumination(std::string path, int flags)
     : IORegisterFile(std::move(path), flags)
 {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "utils/io/ioregisterfile.h"
+#include "utils/regmap/illuminationregisters.h"
 
 #include <cstdint>
 #include <string>
@@ -15,30 +16,7 @@ namespace utils {
 // takes throw UtilsRuntimeError before anything is written; device failures throw IOError.
 class IOIllumination : public IORegisterFile {
 public:
-    static constexpr uint32_t deviceId = 0x4B520002;
-    static constexpr unsigned strobeWholeExposure = 65535;
-    static constexpr unsigned maxBrightness = 100;
-    static constexpr unsigned allSegments = 0xF;
-
-    struct Register {
-        static constexpr uint32_t id = 0x00;
-        static constexpr uint32_t status = 0x04;
-        static constexpr uint32_t serialNumber = 0x08;
-        static constexpr uint32_t internalTemperature = 0x0C; // milli-degrees Celsius, signed
-        static constexpr uint32_t externalTemperature = 0x10; // milli-degrees Celsius, signed
-        static constexpr uint32_t mode = 0x14;
-        static constexpr uint32_t segments = 0x18;
-        static constexpr uint32_t enable = 0x1C;
-        static constexpr uint32_t white = 0x20;
-        static constexpr uint32_t red = 0x24;
-        static constexpr uint32_t green = 0x28;
-        static constexpr uint32_t blue = 0x2C;
-    };
-    struct Status {
-        static constexpr uint32_t lit = 1u << 0;     // enabled with some segment and channel on
-        static constexpr uint32_t strobe = 1u << 1;  // strobe mode selected
-        static constexpr uint32_t derated = 1u << 2; // too hot: output limited to half
-    };
+    using Status = illumination_registers::Status;
 
     explicit IOIllumination(std::string path, int flags = O_RDWR);
 

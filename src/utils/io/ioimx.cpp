@@ -1,6 +1,6 @@
 #include "utils/io/ioimx.h"
 
-#include "utils/io/imxregisters.h"
+#include "utils/regmap/imxregisters.h"
 
 #include <endian.h>
 

@@ -1,8 +1,8 @@
 #include "utils/io/ioregisterfile.h"
 
 #include "utils/base/exceptions.h"
-#include "utils/io/registeraccess.h"
 #include "utils/platform/kernel.h"
+#include "utils/regmap/registeraccess.h"
 
 #include <endian.h>
 

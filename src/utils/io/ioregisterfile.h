@@ -10,7 +10,7 @@ namespace utils {
 
 // A device node that exposes a register file: each 32-bit little-endian register sits at its
 // byte address; larger tables are blocks of bytes at their own address. Every access is one
-// K52_REGISTER_READ or K52_REGISTER_WRITE ioctl (utils/io/registeraccess.h). Shared by the
+// K52_REGISTER_READ or K52_REGISTER_WRITE ioctl (utils/regmap/registeraccess.h). Shared by the
 // board's own modules (RTU, image-sensor control, ToF, illumination, autofocus). Every failure
 // names the register, the device path and the reason.
 class IORegisterFile : public IOFile {

@@ -1,6 +1,6 @@
 #include "utils/io/iortu.h"
 
-#include "utils/io/rturegisters.h"
+#include "utils/regmap/rturegisters.h"
 
 #include <endian.h>
 

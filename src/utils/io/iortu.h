@@ -1,7 +1,7 @@
 #pragma once
 
 #include "utils/io/ioregisterfile.h"
-#include "utils/io/rturegisters.h"
+#include "utils/regmap/rturegisters.h"
 
 #include <array>
 #include <cstddef>

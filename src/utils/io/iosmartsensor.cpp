@@ -16,6 +16,11 @@
 
 namespace utils {
 
+using namespace smartsensor_registers;
+
+static_assert(firmwareChunkSize == IOI2CFile::maxBlockLength - 4,
+              "a firmware chunk and its offset fill one I2C block");
+
 namespace {
 
 constexpr char firmwareMagic[8] = {'K', '5', '2', 'S', 'S', 'F', 'W', '1'};
@@ -40,7 +45,7 @@ std::string hex32(uint32_t value)
 
 const char* errorText(uint8_t code)
 {
-    using E = IOSmartSensor::Error;
+    using E = Error;
     switch (static_cast<E>(code)) {
     case E::none: return "no error";
     case E::notInBootloader: return "not in its bootloader";

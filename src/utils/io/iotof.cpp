@@ -11,6 +11,8 @@
 
 namespace utils {
 
+using namespace tof_registers;
+
 namespace {
 
 using namespace std::chrono_literals;

@@ -1,7 +1,7 @@
 #include "utils/platform/emulated/autofocusmodel.h"
 
-#include "utils/io/ioautofocus.h"
 #include "utils/platform/emulated/board.h"
+#include "utils/regmap/autofocusregisters.h"
 
 #include <cmath>
 #include <numbers>
@@ -10,9 +10,9 @@ namespace utils::platform::emulated {
 
 namespace {
 
-using Reg = IOAutoFocus::Register;
-using Bit = IOAutoFocus::Status;
-using Cmd = IOAutoFocus::Command;
+using Reg = autofocus_registers::Register;
+using Bit = autofocus_registers::Status;
+using Cmd = autofocus_registers::Command;
 using namespace std::chrono_literals;
 
 constexpr auto resetTime = 30ms;
@@ -73,7 +73,7 @@ int AutoFocusModel::readRegister(uint32_t address, uint32_t& value)
 {
     finishSweep();
     switch (address) {
-    case Reg::id: value = IOAutoFocus::deviceId; return 0;
+    case Reg::id: value = autofocus_registers::deviceId; return 0;
     case Reg::status: {
         bool dark = ledMode_ == 1 && sensorBus_.acquisition();
         value = (busy() ? Bit::busy : 0) | (ledState_ && !dark ? Bit::ledOn : 0) |

@@ -1,7 +1,7 @@
 #include "utils/platform/emulated/illuminationmodel.h"
 
-#include "utils/io/ioillumination.h"
 #include "utils/platform/emulated/board.h"
+#include "utils/regmap/illuminationregisters.h"
 
 #include <bit>
 #include <cmath>
@@ -11,8 +11,8 @@ namespace utils::platform::emulated {
 
 namespace {
 
-using Reg = IOIllumination::Register;
-using Bit = IOIllumination::Status;
+using Reg = illumination_registers::Register;
+using Bit = illumination_registers::Status;
 
 constexpr double fullOutputWarmthC = 45.0;
 constexpr double warmthTimeConstantS = 20.0;
@@ -66,7 +66,7 @@ int IlluminationModel::readRegister(uint32_t address, uint32_t& value)
     advance();
     const double internal = ambientC() + warmthC_;
     switch (address) {
-    case Reg::id: value = IOIllumination::deviceId; return 0;
+    case Reg::id: value = illumination_registers::deviceId; return 0;
     case Reg::status:
         value = (lit() ? Bit::lit : 0) | (mode_ != 0 ? Bit::strobe : 0) |
                 (internal > derateAboveC ? Bit::derated : 0);
@@ -93,19 +93,19 @@ int IlluminationModel::writeRegister(uint32_t address, uint32_t value)
         return ETIMEDOUT;
     advance(); // the old output heated the module until now
     auto channel = [&](int index) {
-        if (value > IOIllumination::maxBrightness)
+        if (value > illumination_registers::maxBrightness)
             return ERANGE;
         channels_[index] = value;
         return 0;
     };
     switch (address) {
     case Reg::mode:
-        if (value > IOIllumination::strobeWholeExposure)
+        if (value > illumination_registers::strobeWholeExposure)
             return ERANGE;
         mode_ = value;
         return 0;
     case Reg::segments:
-        if (value > IOIllumination::allSegments)
+        if (value > illumination_registers::allSegments)
             return ERANGE;
         segments_ = value;
         return 0;

@@ -1,6 +1,6 @@
 #include "utils/platform/emulated/imxmodel.h"
 
-#include "utils/io/imxregisters.h"
+#include "utils/regmap/imxregisters.h"
 #include "utils/platform/emulated/board.h"
 
 #include <endian.h>

@@ -1,6 +1,6 @@
 #include "utils/platform/emulated/registermodel.h"
 
-#include "utils/io/registeraccess.h"
+#include "utils/regmap/registeraccess.h"
 
 #include <endian.h>
 

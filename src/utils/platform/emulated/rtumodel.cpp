@@ -1,6 +1,6 @@
 #include "utils/platform/emulated/rtumodel.h"
 
-#include "utils/io/rturegisters.h"
+#include "utils/regmap/rturegisters.h"
 #include "utils/platform/emulated/board.h"
 #include "utils/platform/emulated/i2cbus.h"
 #include "utils/platform/emulated/textfile.h"

@@ -1,8 +1,8 @@
 #include "utils/platform/emulated/smartsensormodel.h"
 
 #include "utils/base/crc.h"
-#include "utils/io/iosmartsensor.h"
 #include "utils/platform/emulated/board.h"
+#include "utils/regmap/smartsensorregisters.h"
 
 #include <algorithm>
 #include <bit>
@@ -14,9 +14,9 @@ namespace utils::platform::emulated {
 
 namespace {
 
-using Reg = IOSmartSensor::Register;
-using Bit = IOSmartSensor::Status;
-using Error = IOSmartSensor::Error;
+using Reg = smartsensor_registers::Register;
+using Bit = smartsensor_registers::Status;
+using Error = smartsensor_registers::Error;
 using namespace std::chrono_literals;
 
 constexpr auto resetTime = 2ms;
@@ -67,7 +67,7 @@ std::array<uint8_t, 256> SmartSensorModel::snapshot() const
 {
     std::array<uint8_t, 256> image{};
     const State now = state();
-    image[Reg::chipId] = IOSmartSensor::chipId;
+    image[Reg::chipId] = smartsensor_registers::chipId;
     image[Reg::status] = static_cast<uint8_t>(
         (now == State::bootloader ? Bit::bootloader : 0) | (now == State::booting ? Bit::booting : 0) |
         (now == State::running ? Bit::running : 0) | (firmwareValid_ ? Bit::firmwareValid : 0) |
@@ -78,7 +78,7 @@ std::array<uint8_t, 256> SmartSensorModel::snapshot() const
     storeLE32(&image[Reg::firmwareCrc], firmwareCrc_);
     storeLE32(&image[Reg::firmwareReceived], static_cast<uint32_t>(firmware_.size()));
 
-    image[Reg::virtualSensor] = IOSmartSensor::gyroscope;
+    image[Reg::virtualSensor] = smartsensor_registers::gyroscope;
     storeLE32(&image[Reg::virtualSensor + 1], std::bit_cast<uint32_t>(gyroRate_));
     storeLE32(&image[Reg::virtualSensor + 5], gyroLatencyMs_);
 
@@ -157,7 +157,7 @@ void SmartSensorModel::configure(uint8_t id, float rate, uint32_t latencyMs)
 {
     if (state() != State::running)
         return refuse(static_cast<uint8_t>(Error::notRunning));
-    if (id != IOSmartSensor::gyroscope)
+    if (id != smartsensor_registers::gyroscope)
         return refuse(static_cast<uint8_t>(Error::unknownSensor));
     if (!(rate >= 0.0f) || rate > gyroRates.back())
         return refuse(static_cast<uint8_t>(Error::rateOutOfRange));
@@ -172,13 +172,13 @@ bool SmartSensorModel::writeRegister(uint8_t reg, std::span<const uint8_t> paylo
     const bool inBootloader = state() == State::bootloader;
     switch (reg) {
     case Reg::reset:
-        if (payload.size() != 1 || payload[0] != IOSmartSensor::resetKey)
+        if (payload.size() != 1 || payload[0] != smartsensor_registers::resetKey)
             return false;
         reset();
         return true;
     case Reg::interruptEnable:
         if (payload.size() != 1 ||
-            payload[0] & ~(IOSmartSensor::interruptDataReady | IOSmartSensor::interruptError))
+            payload[0] & ~(smartsensor_registers::interruptDataReady | smartsensor_registers::interruptError))
             return false;
         interruptEnable_ = payload[0];
         return true;
@@ -198,13 +198,13 @@ bool SmartSensorModel::writeRegister(uint8_t reg, std::span<const uint8_t> paylo
         firmware_.clear();
         firmwareValid_ = false;
         firmwareLength_ = 0;
-        if (loadLE32(payload.data()) > IOSmartSensor::maxFirmwareSize)
+        if (loadLE32(payload.data()) > smartsensor_registers::maxFirmwareSize)
             refuse(static_cast<uint8_t>(Error::firmwareTooLarge));
         else
             firmwareLength_ = loadLE32(payload.data());
         return true;
     case Reg::firmwareData:
-        if (payload.size() < 5 || payload.size() > 4 + IOSmartSensor::firmwareChunkSize)
+        if (payload.size() < 5 || payload.size() > 4 + smartsensor_registers::firmwareChunkSize)
             return false;
         if (!inBootloader)
             refuse(static_cast<uint8_t>(Error::notInBootloader));

@@ -1,8 +1,8 @@
 #include "utils/platform/emulated/tofmodel.h"
 
 #include "utils/base/crc.h"
-#include "utils/io/iotof.h"
 #include "utils/platform/emulated/board.h"
+#include "utils/regmap/tofregisters.h"
 
 #include <endian.h>
 
@@ -16,9 +16,9 @@ namespace utils::platform::emulated {
 
 namespace {
 
-using Reg = IOToF::Register;
-using Bit = IOToF::Status;
-using Cmd = IOToF::Command;
+using Reg = tof_registers::Register;
+using Bit = tof_registers::Status;
+using Cmd = tof_registers::Command;
 using namespace std::chrono_literals;
 
 constexpr auto bootTime = 10ms;
@@ -194,7 +194,7 @@ std::vector<uint16_t> ToFModel::measure(uint64_t frame) const
 int ToFModel::readRegister(uint32_t address, uint32_t& value)
 {
     if (address == Reg::id) {
-        value = IOToF::deviceId;
+        value = tof_registers::deviceId;
         return 0;
     }
     if (address == Reg::status) {
@@ -266,7 +266,7 @@ int ToFModel::writeRegister(uint32_t address, uint32_t value)
         powerMode_ = value;
         return 0;
     case Reg::rangingMode:
-        if (value != IOToF::CONTINUOUS && value != IOToF::AUTONOMOUS)
+        if (value != tof_registers::CONTINUOUS && value != tof_registers::AUTONOMOUS)
             return EINVAL;
         rangingMode_ = value;
         return 0;
@@ -314,7 +314,7 @@ int ToFModel::command(uint32_t code)
         return EAGAIN;
     switch (static_cast<Cmd>(code)) {
     case Cmd::startRanging:
-        if (powerMode_ != IOToF::WAKEUP)
+        if (powerMode_ != tof_registers::WAKEUP)
             return EPERM;
         if (crossTalkBusy())
             return EBUSY;
@@ -334,7 +334,7 @@ int ToFModel::command(uint32_t code)
     case Cmd::crossTalk:
         if (ranging_ || crossTalkBusy())
             return EBUSY;
-        if (powerMode_ != IOToF::WAKEUP)
+        if (powerMode_ != tof_registers::WAKEUP)
             return EPERM;
         crossTalkDone_ = Clock::now() + samples_ * crossTalkTimePerSample;
         // Counts per second that the cover glass returns: a darker or nearer target shows
