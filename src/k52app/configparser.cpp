@@ -71,6 +71,26 @@ const ConfigParameter* findParameter(const std::string& argument)
     return nullptr;
 }
 
+// The value of a value option: after its '=' or, failing that, the next argument (which `i`
+// then steps over).
+std::string optionValue(const ConfigParameter& parameter, const std::string& argument, int& i,
+                        int argc, const char* const argv[])
+{
+    if (auto equals = argument.find('='); equals != std::string::npos) {
+        std::string value = argument.substr(equals + 1);
+        if (value.empty()) {
+            std::cerr << "Error: " << parameter.longName
+                      << " option requires a non-empty argument.\n";
+            finish(1);
+        }
+        return value;
+    }
+    if (i + 1 < argc)
+        return argv[++i];
+    std::cerr << "Error: " << parameter.longName << " option requires an argument.\n";
+    finish(1);
+}
+
 std::string withoutWhiteSpace(const std::string& line)
 {
     std::string result;
@@ -116,13 +136,29 @@ void ConfigParser::loadFromArguments(int argc, const char* const argv[])
 {
     if (argc > 0)
         programName = argv[0];
+    applyDefaults();
+    parseCommandLine(argc, argv);
+    loadConfigFile(values.at("config"));
+    if (!values.contains("image-sensor-path"))
+        detectImageSensor();
+    if (givenOptions["dry-run"]) {
+        std::cerr << *this;
+        finish(0);
+    }
+}
 
+void ConfigParser::applyDefaults()
+{
     for (const auto& parameter : parameters) {
         if (parameter.takesValue && !parameter.defaultValue.empty())
             values.emplace(parameter.key(), parameter.defaultValue);
         givenOptions[parameter.key()] = false;
     }
+}
 
+void ConfigParser::parseCommandLine(int argc, const char* const argv[])
+{
+    // Help waits for the whole line, so that an unknown argument after it is still reported.
     bool helpAsked = false;
     for (int i = 1; i < argc; ++i) {
         const std::string argument = argv[i];
@@ -135,55 +171,30 @@ void ConfigParser::loadFromArguments(int argc, const char* const argv[])
 
         if (parameter->longName == "--help") {
             helpAsked = true;
-            continue;
-        }
-        if (parameter->longName == "--version") {
+        } else if (parameter->longName == "--version") {
             printVersionBanner();
             finish(0);
+        } else if (parameter->takesValue) {
+            values[parameter->key()] = optionValue(*parameter, argument, i, argc, argv);
         }
-        if (!parameter->takesValue)
-            continue;
-
-        std::string value;
-        if (auto equals = argument.find('='); equals != std::string::npos) {
-            value = argument.substr(equals + 1);
-            if (value.empty()) {
-                std::cerr << "Error: " << parameter->longName
-                          << " option requires a non-empty argument.\n";
-                finish(1);
-            }
-        } else if (i + 1 < argc) {
-            value = argv[++i];
-        } else {
-            std::cerr << "Error: " << parameter->longName << " option requires an argument.\n";
-            finish(1);
-        }
-        values[parameter->key()] = value;
     }
-
     if (helpAsked) {
         printHelp(programName);
         finish(1);
     }
+}
 
-    loadConfigFile(values.at("config"));
-
-    if (!values.contains("image-sensor-path")) {
-        try {
-            auto sensors = utils::findMatchingPattern(imageSensorPattern);
-            if (sensors.empty())
-                std::cerr << "No IMX found on device.\n";
-            else
-                values["image-sensor-path"] = sensors.front();
-        } catch (const std::exception&) {
-            std::cerr << "No IMX found on device.\n";
+void ConfigParser::detectImageSensor()
+{
+    try {
+        auto sensors = utils::findMatchingPattern(imageSensorPattern);
+        if (!sensors.empty()) {
+            values["image-sensor-path"] = sensors.front();
+            return;
         }
+    } catch (const std::exception&) {
     }
-
-    if (givenOptions["dry-run"]) {
-        std::cerr << *this;
-        finish(0);
-    }
+    std::cerr << "No IMX found on device.\n";
 }
 
 void ConfigParser::loadConfigFile(const std::string& path)

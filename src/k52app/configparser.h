@@ -45,6 +45,13 @@ public:
     std::map<std::string, std::string> values;
     std::map<std::string, bool> givenOptions;
     std::string programName;
+
+private:
+    void applyDefaults();
+    // Records the given options and their values; handles the informational ones.
+    void parseCommandLine(int argc, const char* const argv[]);
+    // The first image sensor device found, when the configuration names none.
+    void detectImageSensor();
 };
 
 // The configuration dump: a brace block with one "  \"key\": \"value\"" line per entry.
