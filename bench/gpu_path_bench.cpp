@@ -2,7 +2,7 @@
 // etc/opencl/image_processing.cl over the full 2472x2064 GREY frame and over a 640x480 region,
 // through the capture's accelerated processing (crop, normalisation, buffers, kernel, read back,
 // framing) and, as the reference, a bare OpenCL host loop doing the same buffer work (input
-// buffer from host memory, kernel, blocking read).
+// written into a buffer made once, kernel, blocking read).
 //
 //   gpu_path_bench [--kernel-file=PATH] [benchmark flags]
 //
@@ -111,19 +111,19 @@ void BM_BareOpenCL(benchmark::State& state, const char* kernelName, Region regio
     const int32_t height = region.y1 - region.y0;
     const size_t size = size_t(width) * height;
     std::vector<uint8_t> input(size, 0x40), output(size);
+    cl_mem inputBuffer = clCreateBuffer(context, CL_MEM_READ_ONLY, size, nullptr, &status);
     cl_mem out = clCreateBuffer(context, CL_MEM_WRITE_ONLY, size, nullptr, &status);
     const size_t global[2] = {size_t(width), size_t(height)};
     for (auto _ : state) {
-        cl_mem in = clCreateBuffer(context, CL_MEM_READ_ONLY | CL_MEM_COPY_HOST_PTR, size,
-                                   input.data(), &status);
-        clSetKernelArg(kernel, 0, sizeof in, &in);
+        clEnqueueWriteBuffer(queue, inputBuffer, CL_TRUE, 0, size, input.data(), 0, nullptr, nullptr);
+        clSetKernelArg(kernel, 0, sizeof inputBuffer, &inputBuffer);
         clSetKernelArg(kernel, 1, sizeof out, &out);
         clSetKernelArg(kernel, 2, sizeof width, &width);
         clSetKernelArg(kernel, 3, sizeof height, &height);
         clEnqueueNDRangeKernel(queue, kernel, 2, nullptr, global, nullptr, 0, nullptr, nullptr);
         clEnqueueReadBuffer(queue, out, CL_TRUE, 0, size, output.data(), 0, nullptr, nullptr);
-        clReleaseMemObject(in);
     }
+    clReleaseMemObject(inputBuffer);
     clReleaseMemObject(out);
     clReleaseKernel(kernel);
     clReleaseProgram(program);

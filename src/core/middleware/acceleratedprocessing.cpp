@@ -7,7 +7,6 @@
 #include "utils/io/iov4l2.h"
 
 #include <algorithm>
-#include <array>
 #include <cstring>
 #include <string>
 
@@ -91,14 +90,19 @@ bool AcceleratedProcessing::processFrame(const uint8_t* frame, uint32_t usedSize
     const uint32_t height = uint32_t(std::max(region_.height, 0));
     const size_t size = size_t(width) * height;
     FrameArea::checkSize(size);
+    // One input buffer per region size: a new one per frame costs an allocation and its page
+    // faults on every frame.
+    if (!input_ || inputSize_ != size) {
+        input_ = openCL_.createBuffer(CL_MEM_READ_ONLY, size);
+        inputSize_ = size;
+    }
     if (width == rowPixels && height == format.height) {
         // The region is the whole (unpadded) frame: the kernel reads it as it is.
-        input_ = openCL_.createBuffer(CL_MEM_READ_ONLY | CL_MEM_COPY_HOST_PTR, size, frame);
+        openCL_.writeBuffer(input_, frame, size);
     } else {
         cropped_.resize(size);
         cropAndNormalise(frame, rowPixels, region_, cropped_.data());
-        input_ = openCL_.createBuffer(CL_MEM_READ_ONLY | CL_MEM_COPY_HOST_PTR, size,
-                                      cropped_.data());
+        openCL_.writeBuffer(input_, cropped_.data(), size);
     }
 
     openCL_.setKernelArgument(0, input_);
@@ -119,35 +123,44 @@ bool AcceleratedProcessing::processFrame(const uint8_t* frame, uint32_t usedSize
     return true;
 }
 
+uint32_t AcceleratedProcessing::stretchFactor(uint8_t minimum, uint8_t maximum)
+{
+    // ceil(255 * 2^16 / range). With d = level - minimum <= range, d * factor / 2^16 exceeds
+    // d * 255 / range by less than range / 2^16 < 1 / range, which is smaller than the gap from
+    // d * 255 / range up to the next integer, so the shift truncates to the same quotient.
+    // A flat region stretches to 0 through factor 0.
+    const uint32_t range = maximum > minimum ? uint32_t(maximum - minimum) : 0;
+    return range == 0 ? 0 : ((255u << 16) + range - 1) / range;
+}
+
 void AcceleratedProcessing::cropAndNormalise(const uint8_t* frame, uint32_t rowPixels,
                                              const Region& region, uint8_t* out)
 {
     const size_t width = size_t(std::max(region.width, 0));
     const size_t height = size_t(std::max(region.height, 0));
-    const size_t size = width * height;
-    if (size == 0)
-        return;
     uint8_t minimum = 255;
     uint8_t maximum = 0;
+    // Plain loops over bytes with min/max reductions and a multiply-high, so that the compiler
+    // vectorises them (SSE2, NEON).
     for (size_t row = 0; row < height; ++row) {
-        const uint8_t* source = frame + (row + size_t(region.top)) * rowPixels + size_t(region.left);
-        uint8_t* target = out + row * width;
-        std::memcpy(target, source, width);
-        const auto [low, high] = std::minmax_element(target, target + width);
-        minimum = std::min(minimum, *low);
-        maximum = std::max(maximum, *high);
+        const uint8_t* __restrict source =
+            frame + (row + size_t(region.top)) * rowPixels + size_t(region.left);
+        uint8_t* __restrict target = out + row * width;
+        uint8_t rowMinimum = 255;
+        uint8_t rowMaximum = 0;
+        for (size_t i = 0; i < width; ++i) {
+            const uint8_t level = source[i];
+            target[i] = level;
+            rowMinimum = std::min(rowMinimum, level);
+            rowMaximum = std::max(rowMaximum, level);
+        }
+        minimum = std::min(minimum, rowMinimum);
+        maximum = std::max(maximum, rowMaximum);
     }
-    if (maximum <= minimum) {
-        std::memset(out, 0, size);
-        return;
-    }
-    // One division per level rather than per pixel.
-    std::array<uint8_t, 256> stretched{};
-    const unsigned range = maximum - minimum;
-    for (unsigned level = minimum; level <= maximum; ++level)
-        stretched[level] = static_cast<uint8_t>((level - minimum) * 255u / range);
+    const uint32_t factor = stretchFactor(minimum, maximum);
+    const size_t size = width * height;
     for (size_t i = 0; i < size; ++i)
-        out[i] = stretched[out[i]];
+        out[i] = uint8_t((uint32_t(out[i] - minimum) * factor) >> 16);
 }
 
 const char* AcceleratedProcessing::intensityCategory(uint8_t averageIntensity)

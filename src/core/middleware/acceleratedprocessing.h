@@ -60,6 +60,9 @@ public:
     // is flat.
     static void cropAndNormalise(const uint8_t* frame, uint32_t rowPixels, const Region& region,
                                  uint8_t* out);
+    // The multiplier that stretches level - minimum to 0..255 as (product >> 16), exactly as
+    // (level - minimum) * 255 / (maximum - minimum) truncates; 0 for a flat region.
+    static uint32_t stretchFactor(uint8_t minimum, uint8_t maximum);
     // "good" below 81, "bad" from 81 on.
     static const char* intensityCategory(uint8_t averageIntensity);
 
@@ -69,6 +72,7 @@ private:
     mutable std::mutex mutex_;
     std::atomic<uint8_t> enabled_{0}; // also read without the mutex, to skip it when off
     utils::IOOpenCL::Buffer input_;
+    size_t inputSize_ = 0;
     utils::IOOpenCL::Buffer output_;
     Region region_;
     std::vector<uint8_t> cropped_; // kept between frames: the region's size changes rarely
