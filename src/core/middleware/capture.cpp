@@ -6,11 +6,13 @@
 #include "k52app/logrecord.h"
 #include "utils/base/crc.h"
 #include "utils/base/exceptions.h"
+#include "utils/wire/framemessage.h"
 
 #include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <mutex>
+#include <optional>
 
 namespace k52app {
 
@@ -23,13 +25,11 @@ constexpr uint32_t streamBufferCount = 6;
 // Short, so that a stopped stream ends promptly even when no frame comes.
 constexpr int streamFrameWaitMs = 20;
 
+// The wire's frame header lies over the container's frame sub-containers.
 static_assert(utils::GeneralContainer::offsetOf<GeneralSubContainer::frameMetadata>() + 8 ==
-              FrameArea::widthOffset);
-static_assert(FrameArea::widthOffset + 4 == FrameArea::heightOffset);
-static_assert(FrameArea::heightOffset + 4 == FrameArea::pixelFormatOffset);
+              utils::wire::frameWidthOffset);
 static_assert(utils::GeneralContainer::offsetOf<GeneralSubContainer::frameData>() + 4 ==
-              FrameArea::dataLengthOffset);
-static_assert(FrameArea::dataLengthOffset + 4 == FrameArea::dataOffset);
+              utils::wire::frameDataLengthOffset);
 static_assert(FrameArea::overhead + FrameArea::capacity == sizeof(utils::GeneralContainer));
 
 bool isEmpty(const v4l2_rect& rect)
@@ -44,14 +44,9 @@ FrameArea::FrameArea(utils::GeneralContainer& container) : container_(&container
 void FrameArea::begin(uint32_t width, uint32_t height, uint32_t pixelFormat, uint64_t n)
 {
     checkSize(n);
-    auto& metadata = container_->subContainer<GeneralSubContainer::frameMetadata>().payload;
-    metadata.width = width;
-    metadata.height = height;
-    metadata.pixelFormat = pixelFormat;
     length_ = static_cast<uint32_t>(n);
     written_ = 0;
-    container_->subContainer<GeneralSubContainer::frameData>().size = length_ + 8;
-    container_->size = static_cast<uint32_t>(overhead + n);
+    utils::wire::encodeFrameHeader(container_, width, height, pixelFormat, length_);
     crc_ = utils::CRCSum32(container_, dataOffset, utils::GeneralContainer::seed);
 }
 
@@ -68,8 +63,6 @@ void FrameArea::checkSize(uint64_t n)
 
 void FrameArea::append(const uint8_t* bytes, size_t length)
 {
-    // Chunks small enough to stay in cache between the copy and the checksum.
-    constexpr size_t chunk = 64 * 1024;
     for (size_t done = 0; done < length;) {
         const size_t part = std::min(chunk, length - done);
         std::memcpy(data() + written_, bytes + done, part);
@@ -160,10 +153,12 @@ void Capture::stopAquisition()
 void Capture::snapshotFrame(int timeoutMs)
 {
     std::unique_lock recordsLock(resources_->getMutex(K52ResourceGroups::DEVICE_STATUS), std::defer_lock);
-    awaitFrame(timeoutMs, streamOverWire(), recordsLock);
+    std::optional<v4l2_pix_format> format;
+    awaitFrame(timeoutMs, streamOverWire(), recordsLock, format);
 }
 
-void Capture::awaitFrame(int timeoutMs, bool store, std::unique_lock<std::mutex>& recordsLock)
+void Capture::awaitFrame(int timeoutMs, bool store, std::unique_lock<std::mutex>& recordsLock,
+                         std::optional<v4l2_pix_format>& format)
 {
     auto& device = resources_->v4l2();
     device.awaitFrameMap(timeoutMs, [&](const uint8_t* frame, uint32_t usedSize, const v4l2_buffer&) {
@@ -172,9 +167,11 @@ void Capture::awaitFrame(int timeoutMs, bool store, std::unique_lock<std::mutex>
         // Only once the frame is here, so that the descriptor's refresh waits for a frame's
         // copy, not for the sensor.
         recordsLock.lock();
-        const v4l2_pix_format format = device.getFormat();
-        if (!accelerated_->processFrame(frame, usedSize, format, frameArea_))
-            storeFrame(frame, usedSize, format);
+        // The device refuses a format change while its buffers exist: once per acquisition.
+        if (!format)
+            format = device.getFormat();
+        if (!accelerated_->processFrame(frame, usedSize, *format, frameArea_))
+            storeFrame(frame, usedSize, *format);
     });
 }
 
@@ -205,8 +202,19 @@ void Capture::storeFrame(const uint8_t* frame, uint32_t usedSize, const v4l2_pix
     if (stride == rowBytes) {
         frameArea_.append(frame, n); // no line padding: one run
     } else {
-        for (uint32_t row = 0; row < height; ++row)
-            frameArea_.append(frame + uint64_t(row) * stride, rowBytes);
+        // Rows are gathered into cache-sized runs, so that the checksum is taken once per run
+        // rather than once per row.
+        uint8_t* out = frameArea_.data();
+        size_t pending = 0;
+        for (uint32_t row = 0; row < height; ++row) {
+            std::memcpy(out + row * rowBytes, frame + uint64_t(row) * stride, rowBytes);
+            pending += rowBytes;
+            if (pending >= FrameArea::chunk) {
+                frameArea_.appendInPlace(pending);
+                pending = 0;
+            }
+        }
+        frameArea_.appendInPlace(pending);
     }
     frameArea_.finish();
 }
@@ -239,11 +247,19 @@ void Capture::streamStart(uint32_t fourcc, uint32_t resolutionIndex, const Progr
         }
     } streamEnd{*this};
 
+    streamFrames(progress);
+    streamEnd.done = true;
+    endStream();
+}
+
+void Capture::streamFrames(const Progress& progress)
+{
     auto& socket = resources_->streamSocket();
     std::mutex& recordsMutex = resources_->getMutex(K52ResourceGroups::DEVICE_STATUS);
     using Clock = std::chrono::steady_clock;
     auto periodStart = Clock::now();
     uint32_t frames = 0;
+    std::optional<v4l2_pix_format> format;
     while (streaming_.load()) {
         const bool overWire = streamOverWire();
         {
@@ -251,7 +267,7 @@ void Capture::streamStart(uint32_t fourcc, uint32_t resolutionIndex, const Progr
             // notice, which waits for the control socket that the descriptor route holds.
             std::unique_lock recordsLock(recordsMutex, std::defer_lock);
             try {
-                awaitFrame(streamFrameWaitMs, overWire, recordsLock);
+                awaitFrame(streamFrameWaitMs, overWire, recordsLock, format);
             } catch (const utils::UtilsTimeoutException&) {
                 continue; // no frame yet: look at the flag again
             }
@@ -266,8 +282,6 @@ void Capture::streamStart(uint32_t fourcc, uint32_t resolutionIndex, const Progr
             frames = 0;
         }
     }
-    streamEnd.done = true;
-    endStream();
 }
 
 void Capture::endStream()

@@ -2,6 +2,7 @@
 
 #include "utils/container/container.h"
 #include "utils/io/iortu.h"
+#include "utils/wire/framemessage.h"
 
 #include <linux/videodev2.h>
 
@@ -11,6 +12,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 
 namespace k52app {
@@ -23,16 +25,11 @@ class K52ResourceManager;
 // capacity. The used part (header, data, checksum) is what goes on the wire.
 class FrameArea {
 public:
-    static constexpr uint32_t capacity = utils::IOV4L2FrameData::capacity;
-    // Byte offsets from the start of the container.
-    static constexpr size_t totalLengthOffset = 4;
-    static constexpr size_t widthOffset = 2224;
-    static constexpr size_t heightOffset = 2228;
-    static constexpr size_t pixelFormatOffset = 2232;
-    static constexpr size_t dataLengthOffset = 2240;
-    static constexpr size_t dataOffset = 2244;
-    // Everything of the used part that is not frame data: the header and the checksum.
-    static constexpr size_t overhead = dataOffset + sizeof(uint32_t);
+    static constexpr uint32_t capacity = utils::wire::frameCapacity;
+    static constexpr size_t dataOffset = utils::wire::frameDataOffset;
+    static constexpr size_t overhead = utils::wire::frameOverhead;
+    // Data is checksummed in runs of this size, small enough to stay in cache after the copy.
+    static constexpr size_t chunk = 64 * 1024;
 
     explicit FrameArea(utils::GeneralContainer& container);
 
@@ -114,8 +111,12 @@ public:
 private:
     // Waits for one frame; stores it only when `store` is set, and then first locks the device
     // records' group into `recordsLock`: the frame's checksum covers those records, so they must
-    // stay as they are until the caller is done with the frame.
-    void awaitFrame(int timeoutMs, bool store, std::unique_lock<std::mutex>& recordsLock);
+    // stay as they are until the caller is done with the frame. `format` is the device's
+    // current format, read on the first stored frame and kept by the caller for the next.
+    void awaitFrame(int timeoutMs, bool store, std::unique_lock<std::mutex>& recordsLock,
+                    std::optional<v4l2_pix_format>& format);
+    // The stream loop: sends each frame until streamStop(), reporting the rate once per period.
+    void streamFrames(const Progress& progress);
     // Stops acquisition and reopens the capture device so that the next stream starts clean.
     void endStream();
 
