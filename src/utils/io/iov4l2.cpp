@@ -22,17 +22,6 @@ bool isMenu(uint32_t type)
 
 } // namespace
 
-IOV4L2::Mapping::Mapping(Mapping&& other) noexcept
-    : address_(std::exchange(other.address_, nullptr)), length_(other.length_)
-{
-}
-
-IOV4L2::Mapping::~Mapping()
-{
-    if (address_)
-        platform::kernel().munmap(address_, length_);
-}
-
 IOV4L2::IOV4L2(std::string path, int flags) : IOFile(std::move(path), flags) { open(); }
 
 IOV4L2::~IOV4L2() { close(); }
@@ -44,26 +33,10 @@ void IOV4L2::close()
     IOFile::close();
 }
 
-bool IOV4L2::tryIoctl(unsigned long request, void* argument) const
-{
-    const int fd = descriptor();
-    int result;
-    do {
-        result = platform::kernel().ioctl(fd, request, argument);
-    } while (result < 0 && errno == EINTR);
-    return result >= 0;
-}
-
-void IOV4L2::xioctl(unsigned long request, void* argument, const char* name) const
-{
-    if (!tryIoctl(request, argument))
-        fail(name);
-}
-
 v4l2_capability IOV4L2::getCapabilities() const
 {
     v4l2_capability capability{};
-    xioctl(VIDIOC_QUERYCAP, &capability, "VIDIOC_QUERYCAP");
+    control(VIDIOC_QUERYCAP, &capability, "VIDIOC_QUERYCAP");
     return capability;
 }
 
@@ -74,7 +47,7 @@ std::vector<IOV4L2Format> IOV4L2::getCaptureResolutions() const
         IOV4L2Format format;
         format.description.index = index;
         format.description.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-        if (!tryIoctl(VIDIOC_ENUM_FMT, &format.description)) {
+        if (!tryControl(VIDIOC_ENUM_FMT, &format.description)) {
             if (errno == EINVAL)
                 break; // past the last format
             fail("VIDIOC_ENUM_FMT");
@@ -83,7 +56,7 @@ std::vector<IOV4L2Format> IOV4L2::getCaptureResolutions() const
             v4l2_frmsizeenum size{};
             size.index = sizeIndex;
             size.pixel_format = format.description.pixelformat;
-            if (!tryIoctl(VIDIOC_ENUM_FRAMESIZES, &size)) {
+            if (!tryControl(VIDIOC_ENUM_FRAMESIZES, &size)) {
                 if (errno == EINVAL)
                     break;
                 fail("VIDIOC_ENUM_FRAMESIZES");
@@ -108,7 +81,7 @@ std::map<uint32_t, IOV4L2Control> IOV4L2::getControls() const
     v4l2_queryctrl query{};
     query.id = V4L2_CTRL_FLAG_NEXT_CTRL;
     for (;;) {
-        if (!tryIoctl(VIDIOC_QUERYCTRL, &query)) {
+        if (!tryControl(VIDIOC_QUERYCTRL, &query)) {
             if (errno == EINVAL)
                 break; // past the last control
             fail("VIDIOC_QUERYCTRL");
@@ -122,7 +95,7 @@ std::map<uint32_t, IOV4L2Control> IOV4L2::getControls() const
                     v4l2_querymenu entry{};
                     entry.id = query.id;
                     entry.index = static_cast<uint32_t>(index);
-                    if (tryIoctl(VIDIOC_QUERYMENU, &entry))
+                    if (tryControl(VIDIOC_QUERYMENU, &entry))
                         control.menu.push_back(entry);
                     else if (errno != EINVAL) // EINVAL: an index the device skips
                         fail("VIDIOC_QUERYMENU");
@@ -139,7 +112,7 @@ v4l2_cropcap IOV4L2::getCropCapabilities() const
 {
     v4l2_cropcap capabilities{};
     capabilities.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    xioctl(VIDIOC_CROPCAP, &capabilities, "VIDIOC_CROPCAP");
+    control(VIDIOC_CROPCAP, &capabilities, "VIDIOC_CROPCAP");
     return capabilities;
 }
 
@@ -152,14 +125,14 @@ void IOV4L2::setCropCapabilities(IOV4L2Crop* crop)
     request.c = crop->rect;
     if (request.c.width == 0 || request.c.height == 0)
         request.c = getCropCapabilities().defrect;
-    xioctl(VIDIOC_S_CROP, &request, "VIDIOC_S_CROP");
+    control(VIDIOC_S_CROP, &request, "VIDIOC_S_CROP");
 }
 
 v4l2_pix_format IOV4L2::getFormat() const
 {
     v4l2_format format{};
     format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    xioctl(VIDIOC_G_FMT, &format, "VIDIOC_G_FMT");
+    control(VIDIOC_G_FMT, &format, "VIDIOC_G_FMT");
     return format.fmt.pix;
 }
 
@@ -188,7 +161,7 @@ void IOV4L2::setFormat(uint32_t fourcc, uint32_t resolutionIndex)
     format.fmt.pix.width = size.width;
     format.fmt.pix.height = size.height;
     format.fmt.pix.field = V4L2_FIELD_NONE;
-    xioctl(VIDIOC_S_FMT, &format, "VIDIOC_S_FMT");
+    control(VIDIOC_S_FMT, &format, "VIDIOC_S_FMT");
     const v4l2_pix_format& granted = format.fmt.pix;
     if (granted.pixelformat != fourcc || granted.width != size.width ||
         granted.height != size.height)
@@ -202,18 +175,18 @@ void IOV4L2::setFormat(uint32_t fourcc, uint32_t resolutionIndex)
 
 int32_t IOV4L2::getCtrl(uint32_t id) const
 {
-    v4l2_control control{};
-    control.id = id;
-    xioctl(VIDIOC_G_CTRL, &control, "VIDIOC_G_CTRL");
-    return control.value;
+    v4l2_control request{};
+    request.id = id;
+    control(VIDIOC_G_CTRL, &request, "VIDIOC_G_CTRL");
+    return request.value;
 }
 
 void IOV4L2::setCtrl(uint32_t id, int32_t value)
 {
-    v4l2_control control{};
-    control.id = id;
-    control.value = value;
-    xioctl(VIDIOC_S_CTRL, &control, "VIDIOC_S_CTRL");
+    v4l2_control request{};
+    request.id = id;
+    request.value = value;
+    control(VIDIOC_S_CTRL, &request, "VIDIOC_S_CTRL");
 }
 
 void IOV4L2::mapBuffers(uint32_t count)
@@ -226,25 +199,26 @@ void IOV4L2::mapBuffers(uint32_t count)
     request.count = count;
     request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
     request.memory = V4L2_MEMORY_MMAP;
-    xioctl(VIDIOC_REQBUFS, &request, "VIDIOC_REQBUFS");
+    control(VIDIOC_REQBUFS, &request, "VIDIOC_REQBUFS");
     if (request.count == 0) {
         errno = ENOMEM;
         fail("VIDIOC_REQBUFS granted no buffers on");
     }
 
-    std::vector<Mapping> mapped;
+    std::vector<MappedRegion> mapped;
     mapped.reserve(request.count);
     for (uint32_t index = 0; index < request.count; ++index) {
         v4l2_buffer buffer{};
         buffer.index = index;
         buffer.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
         buffer.memory = V4L2_MEMORY_MMAP;
-        xioctl(VIDIOC_QUERYBUF, &buffer, "VIDIOC_QUERYBUF");
-        void* address = platform::kernel().mmap(nullptr, buffer.length, PROT_READ | PROT_WRITE,
-                                                MAP_SHARED, descriptor(), buffer.m.offset);
-        if (address == MAP_FAILED)
+        control(VIDIOC_QUERYBUF, &buffer, "VIDIOC_QUERYBUF");
+        MappedRegion region(platform::kernel().mmap(nullptr, buffer.length, PROT_READ | PROT_WRITE,
+                                                    MAP_SHARED, descriptor(), buffer.m.offset),
+                            buffer.length);
+        if (!region)
             fail("mmap of buffer " + std::to_string(index) + " of");
-        mapped.emplace_back(address, buffer.length);
+        mapped.push_back(std::move(region));
     }
     buffers_ = std::move(mapped);
 }
@@ -259,7 +233,7 @@ void IOV4L2::queryBuffer(uint32_t index)
     buffer.index = index;
     buffer.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
     buffer.memory = V4L2_MEMORY_MMAP;
-    xioctl(VIDIOC_QBUF, &buffer, "VIDIOC_QBUF");
+    control(VIDIOC_QBUF, &buffer, "VIDIOC_QBUF");
 }
 
 void IOV4L2::unmapBuffers()
@@ -273,21 +247,21 @@ void IOV4L2::unmapBuffers()
         request.count = 0;
         request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
         request.memory = V4L2_MEMORY_MMAP;
-        xioctl(VIDIOC_REQBUFS, &request, "VIDIOC_REQBUFS");
+        control(VIDIOC_REQBUFS, &request, "VIDIOC_REQBUFS");
     }
 }
 
 void IOV4L2::streamOn()
 {
     int type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    xioctl(VIDIOC_STREAMON, &type, "VIDIOC_STREAMON");
+    control(VIDIOC_STREAMON, &type, "VIDIOC_STREAMON");
     streaming_ = true;
 }
 
 void IOV4L2::streamOff()
 {
     int type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    xioctl(VIDIOC_STREAMOFF, &type, "VIDIOC_STREAMOFF");
+    control(VIDIOC_STREAMOFF, &type, "VIDIOC_STREAMOFF");
     streaming_ = false;
 }
 
@@ -322,7 +296,7 @@ void IOV4L2::dequeue(int timeoutMs, v4l2_buffer& buffer)
         buffer = v4l2_buffer{};
         buffer.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
         buffer.memory = V4L2_MEMORY_MMAP;
-        if (tryIoctl(VIDIOC_DQBUF, &buffer))
+        if (tryControl(VIDIOC_DQBUF, &buffer))
             break;
         if (errno != EAGAIN) // EAGAIN: another reader took the frame; wait for the next
             fail("VIDIOC_DQBUF");
@@ -339,12 +313,12 @@ void IOV4L2::requeue(const v4l2_buffer& buffer)
     again.index = buffer.index;
     again.type = buffer.type;
     again.memory = buffer.memory;
-    xioctl(VIDIOC_QBUF, &again, "VIDIOC_QBUF");
+    control(VIDIOC_QBUF, &again, "VIDIOC_QBUF");
 }
 
 const uint8_t* IOV4L2::bufferData(const v4l2_buffer& buffer) const
 {
-    return buffers_[buffer.index].data();
+    return buffers_[buffer.index].as<const uint8_t>();
 }
 
 std::string IOV4L2::fourccToString(uint32_t fourcc)

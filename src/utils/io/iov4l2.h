@@ -1,6 +1,7 @@
 #pragma once
 
 #include "utils/io/iofile.h"
+#include "utils/io/mappedregion.h"
 
 #include <linux/videodev2.h>
 
@@ -94,32 +95,12 @@ public:
     static std::string getControlCategory(uint32_t id);
 
 private:
-    // A buffer mapping, unmapped through the seam when dropped.
-    class Mapping {
-    public:
-        Mapping(void* address, size_t length) : address_(address), length_(length) {}
-        Mapping(Mapping&& other) noexcept;
-        Mapping& operator=(Mapping&&) = delete;
-        Mapping(const Mapping&) = delete;
-        ~Mapping();
-        const uint8_t* data() const { return static_cast<const uint8_t*>(address_); }
-
-    private:
-        void* address_;
-        size_t length_;
-    };
-
-    // ioctl through the seam, retried when interrupted; throws IOError naming `name`.
-    void xioctl(unsigned long request, void* argument, const char* name) const;
-    // ioctl that reports failure by returning false with errno set (for enumerations).
-    bool tryIoctl(unsigned long request, void* argument) const;
-
     // Waits for and dequeues one filled buffer into `buffer`.
     void dequeue(int timeoutMs, v4l2_buffer& buffer);
     void requeue(const v4l2_buffer& buffer);
     const uint8_t* bufferData(const v4l2_buffer& buffer) const;
 
-    std::vector<Mapping> buffers_;
+    std::vector<MappedRegion> buffers_;
     bool streaming_ = false;
 };
 

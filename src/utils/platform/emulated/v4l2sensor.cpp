@@ -1,15 +1,14 @@
 #include "utils/platform/emulated/v4l2sensor.h"
 
+#include "utils/platform/emulated/framepainter.h"
+#include "utils/platform/emulated/sensorformats.h"
+
 #include <fcntl.h>
 #include <linux/videodev2.h>
 
 #include <algorithm>
-#include <array>
-#include <atomic>
 #include <chrono>
-#include <cmath>
 #include <condition_variable>
-#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -21,85 +20,14 @@ namespace utils::platform::emulated {
 
 namespace {
 
+using namespace sensor;
+
 using Clock = std::chrono::steady_clock;
 
-// The sensor's pixel array; crop rectangles and the scene live in these coordinates.
-constexpr uint32_t sensorWidth = 2472;
-constexpr uint32_t sensorHeight = 2064;
-// Rows are padded to this many bytes, as a DMA engine with 64-byte bursts would.
-constexpr uint32_t rowAlignment = 64;
-constexpr uint32_t pageSize = 4096;
 constexpr uint32_t maxBuffers = 16;
 constexpr uint32_t minCropSize = 16;
-// Exposure at which the scene shows its nominal brightness.
-constexpr uint32_t nominalExposureUs = 10000;
 // How long the producer sleeps before it looks at the bus and its stop request again.
 constexpr auto pollSlice = std::chrono::milliseconds(10);
-
-constexpr std::array<v4l2_frmsize_discrete, 3> frameSizes{{{640, 480}, {1456, 1088}, {2472, 2064}}};
-
-struct PixelFormat {
-    uint32_t fourcc;
-    uint32_t channels;
-    const char* description;
-};
-constexpr std::array<PixelFormat, 2> pixelFormats{{
-    {V4L2_PIX_FMT_GREY, 1, "8-bit Greyscale"},
-    {V4L2_PIX_FMT_RGB24, 3, "24-bit RGB 8-8-8"},
-}};
-
-const PixelFormat* findFormat(uint32_t fourcc)
-{
-    for (const auto& format : pixelFormats)
-        if (format.fourcc == fourcc)
-            return &format;
-    return nullptr;
-}
-
-enum TestPattern : int32_t { gradient = 0, colorBars = 1, checkerboard = 2, flatField = 3 };
-
-struct ControlSpec {
-    uint32_t id;
-    uint32_t type;
-    const char* name;
-    int32_t minimum;
-    int32_t maximum;
-    int32_t step;
-    int32_t defaultValue;
-    uint32_t flags;
-    std::array<const char*, 4> menu; // by menu index; null marks an index the device skips
-    std::array<int64_t, 2> integerMenu{}; // the values of an integer menu, by index
-};
-
-constexpr uint32_t classFlags = V4L2_CTRL_FLAG_READ_ONLY | V4L2_CTRL_FLAG_WRITE_ONLY;
-
-// In ascending id, as the NEXT_CTRL enumeration walks them.
-constexpr std::array<ControlSpec, 10> controlSpecs{{
-    {V4L2_CID_USER_CLASS, V4L2_CTRL_TYPE_CTRL_CLASS, "User Controls", 0, 0, 0, 0, classFlags, {}},
-    {V4L2_CID_BRIGHTNESS, V4L2_CTRL_TYPE_INTEGER, "Brightness", -64, 64, 1, 0, 0, {}},
-    {V4L2_CID_GAIN, V4L2_CTRL_TYPE_INTEGER, "Gain", 0, 24, 1, 0, 0, {}},
-    {V4L2_CID_HFLIP, V4L2_CTRL_TYPE_BOOLEAN, "Horizontal Flip", 0, 1, 1, 0, 0, {}},
-    {V4L2_CID_VFLIP, V4L2_CTRL_TYPE_BOOLEAN, "Vertical Flip", 0, 1, 1, 0, 0, {}},
-    {V4L2_CID_CAMERA_CLASS, V4L2_CTRL_TYPE_CTRL_CLASS, "Camera Controls", 0, 0, 0, 0, classFlags,
-     {}},
-    {V4L2_CID_EXPOSURE_AUTO, V4L2_CTRL_TYPE_MENU, "Auto Exposure", 0, 3, 1, 1, 0,
-     {"Auto Mode", "Manual Mode", nullptr, "Aperture Priority Mode"}},
-    {V4L2_CID_IMAGE_PROC_CLASS, V4L2_CTRL_TYPE_CTRL_CLASS, "Image Processing Controls", 0, 0, 0,
-     0, classFlags, {}},
-    // The sensor's data-lane frequencies in Hz, as sensor drivers report them.
-    {V4L2_CID_LINK_FREQ, V4L2_CTRL_TYPE_INTEGER_MENU, "Link Frequency", 0, 1, 1, 0,
-     V4L2_CTRL_FLAG_READ_ONLY, {}, {594000000, 297000000}},
-    {V4L2_CID_TEST_PATTERN, V4L2_CTRL_TYPE_MENU, "Test Pattern", 0, 3, 1, gradient, 0,
-     {"Gradient", "Color Bars", "Checkerboard", "Flat Field"}},
-}};
-
-const ControlSpec* findControl(uint32_t id)
-{
-    for (const auto& described : controlSpecs)
-        if (described.id == id)
-            return &described;
-    return nullptr;
-}
 
 // A zero-terminated text in a fixed-size field (some of them sit in packed records).
 void copyText(uint8_t* field, size_t size, const char* text)
@@ -107,253 +35,6 @@ void copyText(uint8_t* field, size_t size, const char* text)
     std::memset(field, 0, size);
     std::strncpy(reinterpret_cast<char*>(field), text, size - 1);
 }
-
-uint32_t roundUp(uint32_t value, uint32_t alignment)
-{
-    return (value + alignment - 1) / alignment * alignment;
-}
-
-// The padded layout of one frame at `format` and `size`.
-v4l2_pix_format layout(const PixelFormat& format, v4l2_frmsize_discrete size)
-{
-    v4l2_pix_format pix{};
-    pix.width = size.width;
-    pix.height = size.height;
-    pix.pixelformat = format.fourcc;
-    pix.field = V4L2_FIELD_NONE;
-    pix.bytesperline = roundUp(size.width * format.channels, rowAlignment);
-    pix.sizeimage = pix.bytesperline * size.height;
-    pix.colorspace = format.channels == 1 ? V4L2_COLORSPACE_RAW : V4L2_COLORSPACE_SRGB;
-    return pix;
-}
-
-// The format the device grants for a request: an offered fourcc (GREY otherwise) at the nearest
-// offered size, as drivers adjust rather than refuse.
-v4l2_pix_format adjustFormat(const v4l2_pix_format& wanted)
-{
-    const PixelFormat* format = findFormat(wanted.pixelformat);
-    if (!format)
-        format = &pixelFormats[0];
-    auto distance = [&](const v4l2_frmsize_discrete& size) {
-        return std::abs(int64_t(size.width) - wanted.width) +
-               std::abs(int64_t(size.height) - wanted.height);
-    };
-    auto nearest = std::min_element(frameSizes.begin(), frameSizes.end(),
-                                    [&](const auto& a, const auto& b) {
-                                        return distance(a) < distance(b);
-                                    });
-    return layout(*format, *nearest);
-}
-
-// Device memory behind one buffer. It outlives the queue while a descriptor still maps it,
-// and remembers what was painted into it so that the next frame only touches what changes.
-struct BufferMemory {
-    struct Free {
-        void operator()(uint8_t* bytes) const { std::free(bytes); }
-    };
-    explicit BufferMemory(size_t length)
-        : bytes(static_cast<uint8_t*>(std::aligned_alloc(pageSize, length))), size(length)
-    {
-        if (!bytes)
-            throw std::bad_alloc();
-        std::memset(bytes.get(), 0, size);
-    }
-
-    std::unique_ptr<uint8_t, Free> bytes;
-    size_t size;
-    // Painter state, touched only by the producer.
-    uint64_t paintedVersion = 0;
-    uint32_t markerX = 0, markerY = 0, markerSize = 0;
-};
-
-// Everything that decides what the static part of a frame looks like.
-struct SceneKey {
-    v4l2_pix_format pix{};
-    v4l2_rect crop{};
-    int32_t roiX = 0, roiY = 0;
-    uint32_t exposureUs = nominalExposureUs;
-    int32_t brightness = 0, gain = 0, hflip = 0, vflip = 0, pattern = gradient;
-
-    bool operator==(const SceneKey& other) const
-    {
-        return std::memcmp(this, &other, sizeof(SceneKey)) == 0;
-    }
-};
-static_assert(std::has_unique_object_representations_v<SceneKey>); // memcmp is equality
-
-// 5x7 digits, one row per byte, most significant of the five bits on the left.
-constexpr uint8_t digitGlyphs[10][7] = {
-    {0x0e, 0x11, 0x13, 0x15, 0x19, 0x11, 0x0e}, {0x04, 0x0c, 0x04, 0x04, 0x04, 0x04, 0x0e},
-    {0x0e, 0x11, 0x01, 0x02, 0x04, 0x08, 0x1f}, {0x1f, 0x02, 0x04, 0x02, 0x01, 0x11, 0x0e},
-    {0x02, 0x06, 0x0a, 0x12, 0x1f, 0x02, 0x02}, {0x1f, 0x10, 0x1e, 0x01, 0x01, 0x11, 0x0e},
-    {0x06, 0x08, 0x10, 0x1e, 0x11, 0x11, 0x0e}, {0x1f, 0x01, 0x02, 0x04, 0x08, 0x08, 0x08},
-    {0x0e, 0x11, 0x11, 0x0e, 0x11, 0x11, 0x0e}, {0x0e, 0x11, 0x11, 0x0f, 0x01, 0x02, 0x0c},
-};
-constexpr uint32_t counterDigits = 10;
-
-// Paints frames: a static scene computed once per SceneKey, then per frame a moving marker and
-// the frame counter on top, restoring only what the buffer's previous frame changed.
-class FramePainter {
-public:
-    void prepare(const SceneKey& key)
-    {
-        if (version_ != 0 && key == key_)
-            return;
-        key_ = key;
-        version_ = nextVersion_.fetch_add(1);
-        renderScene();
-    }
-
-    void paint(BufferMemory& memory, uint32_t counter)
-    {
-        const auto& pix = key_.pix;
-        if (memory.paintedVersion != version_) {
-            std::memcpy(memory.bytes.get(), scene_.data(), pix.sizeimage);
-            memory.paintedVersion = version_;
-        } else {
-            restore(memory, memory.markerX, memory.markerY, memory.markerSize);
-        }
-        drawMarker(memory, counter);
-        drawCounter(memory.bytes.get(), counter);
-    }
-
-private:
-    uint32_t channels() const { return findFormat(key_.pix.pixelformat)->channels; }
-
-    std::array<uint8_t, 3> sceneColor(int64_t sx, int64_t sy) const
-    {
-        if (sx < 0 || sy < 0 || sx >= sensorWidth || sy >= sensorHeight)
-            return {0, 0, 0};
-        switch (key_.pattern) {
-        case colorBars: {
-            static constexpr uint8_t bars[8][3] = {{255, 255, 255}, {255, 255, 0}, {0, 255, 255},
-                                                   {0, 255, 0},     {255, 0, 255}, {255, 0, 0},
-                                                   {0, 0, 255},     {0, 0, 0}};
-            const auto* bar = bars[sx * 8 / sensorWidth];
-            return {bar[0], bar[1], bar[2]};
-        }
-        case checkerboard: {
-            uint8_t level = ((sx / 128 + sy / 128) & 1) ? 224 : 32;
-            return {level, level, level};
-        }
-        case flatField:
-            return {128, 128, 128};
-        default: { // gradient with a grid every 256 sensor pixels, so crop and ROI show
-            if (sx % 256 < 4 || sy % 256 < 4)
-                return {255, 255, 255};
-            auto r = static_cast<uint8_t>(sx * 255 / (sensorWidth - 1));
-            auto g = static_cast<uint8_t>(sy * 255 / (sensorHeight - 1));
-            return {r, g, static_cast<uint8_t>(255 - (r + g) / 2)};
-        }
-        }
-    }
-
-    void renderScene()
-    {
-        const auto& pix = key_.pix;
-        const uint32_t ch = channels();
-        scene_.assign(pix.sizeimage, 0); // padding bytes stay 0
-
-        // Exposure, gain and brightness act on the light reaching the pixels: one tone curve.
-        std::array<uint8_t, 256> tone{};
-        const double factor = double(key_.exposureUs) / nominalExposureUs *
-                              std::pow(10.0, key_.gain / 20.0);
-        for (int level = 0; level < 256; ++level) {
-            long value = std::lround(level * factor) + key_.brightness;
-            tone[level] = static_cast<uint8_t>(std::clamp(value, 0L, 255L));
-        }
-
-        std::vector<int64_t> columnToSensor(pix.width);
-        for (uint32_t x = 0; x < pix.width; ++x) {
-            uint32_t from = key_.hflip ? pix.width - 1 - x : x;
-            columnToSensor[x] =
-                key_.crop.left + key_.roiX + int64_t(from) * key_.crop.width / pix.width;
-        }
-        for (uint32_t y = 0; y < pix.height; ++y) {
-            uint32_t from = key_.vflip ? pix.height - 1 - y : y;
-            int64_t sy = key_.crop.top + key_.roiY + int64_t(from) * key_.crop.height / pix.height;
-            uint8_t* row = scene_.data() + size_t(y) * pix.bytesperline;
-            for (uint32_t x = 0; x < pix.width; ++x) {
-                auto rgb = sceneColor(columnToSensor[x], sy);
-                if (ch == 1) {
-                    row[x] = tone[(299 * rgb[0] + 587 * rgb[1] + 114 * rgb[2]) / 1000];
-                } else {
-                    row[3 * x] = tone[rgb[0]];
-                    row[3 * x + 1] = tone[rgb[1]];
-                    row[3 * x + 2] = tone[rgb[2]];
-                }
-            }
-        }
-    }
-
-    void restore(BufferMemory& memory, uint32_t x, uint32_t y, uint32_t size) const
-    {
-        const auto& pix = key_.pix;
-        const uint32_t ch = channels();
-        for (uint32_t row = y; row < y + size; ++row) {
-            size_t offset = size_t(row) * pix.bytesperline + size_t(x) * ch;
-            std::memcpy(memory.bytes.get() + offset, scene_.data() + offset, size_t(size) * ch);
-        }
-    }
-
-    // A white square bouncing left and right through the middle band of the frame.
-    void drawMarker(BufferMemory& memory, uint32_t counter) const
-    {
-        const auto& pix = key_.pix;
-        const uint32_t ch = channels();
-        const uint32_t size = std::max(1u, pix.height / 16);
-        const uint32_t travel = pix.width - size;
-        const uint32_t step = std::max(1u, pix.width / 128);
-        const uint32_t position = uint32_t((uint64_t(counter) * step) % (2 * uint64_t(travel)));
-        const uint32_t x = position < travel ? position : 2 * travel - position;
-        const uint32_t y = (pix.height - size) / 2;
-        for (uint32_t row = y; row < y + size; ++row)
-            std::memset(memory.bytes.get() + size_t(row) * pix.bytesperline + size_t(x) * ch, 255,
-                        size_t(size) * ch);
-        memory.markerX = x;
-        memory.markerY = y;
-        memory.markerSize = size;
-    }
-
-    // The counter in decimal, white on black in the top-left corner, and in binary in the
-    // first bytes of the first row: the counter then its complement, little-endian.
-    void drawCounter(uint8_t* frame, uint32_t counter) const
-    {
-        const auto& pix = key_.pix;
-        const uint32_t ch = channels();
-        const uint32_t scale = std::max(1u, pix.width / 480);
-        const uint32_t boxWidth = (counterDigits * 6 + 2) * scale;
-        const uint32_t boxHeight = (7 + 4) * scale;
-        for (uint32_t row = 0; row < boxHeight; ++row)
-            std::memset(frame + size_t(row) * pix.bytesperline, 0, size_t(boxWidth) * ch);
-
-        uint32_t rest = counter;
-        for (int digit = counterDigits - 1; digit >= 0; --digit, rest /= 10) {
-            const uint8_t* glyph = digitGlyphs[rest % 10];
-            const uint32_t left = (1 + digit * 6) * scale;
-            for (uint32_t gy = 0; gy < 7; ++gy) {
-                for (uint32_t gx = 0; gx < 5; ++gx) {
-                    if (!(glyph[gy] & (0x10 >> gx)))
-                        continue;
-                    for (uint32_t dy = 0; dy < scale; ++dy) {
-                        uint8_t* at = frame + size_t((2 + gy) * scale + dy) * pix.bytesperline +
-                                      size_t(left + gx * scale) * ch;
-                        std::memset(at, 255, size_t(scale) * ch);
-                    }
-                }
-            }
-        }
-
-        const uint32_t words[2] = {counter, ~counter};
-        for (int i = 0; i < 8; ++i)
-            frame[i] = static_cast<uint8_t>(words[i / 4] >> (8 * (i % 4)));
-    }
-
-    static inline std::atomic<uint64_t> nextVersion_{1};
-    SceneKey key_;
-    uint64_t version_ = 0;
-    std::vector<uint8_t> scene_;
-};
 
 class SensorFile;
 
