@@ -1,63 +1,60 @@
-#include "core/commandrouter.h"
-#include "core/route/deviceroute.h"
+#include "core/route/families.h"
+#include "utils/io/ioautofocus.h"
 
-#include "core/k52resourcemanager.h"
-#include "utils/base/strings.h"
-
-#include <mutex>
+#include <functional>
 #include <string>
+#include <vector>
 
 namespace k52app {
 
 namespace {
 
 using utils::IOAutoFocus;
-using Arguments = std::vector<std::string>;
 // The success text after the route prefix.
-using AutoFocusBody = DeviceRouteBody<IOAutoFocus>;
+using Text = std::function<std::string(RouteCall&)>;
 
-AutoFocusBody reads(std::string label, unsigned (IOAutoFocus::*get)() const)
+Text reads(std::string label, unsigned (IOAutoFocus::*get)() const)
 {
-    return [label = std::move(label), get](IOAutoFocus& module, const Arguments&) {
-        return label + std::to_string((module.*get)());
+    return [label = std::move(label), get](RouteCall& call) {
+        return label + std::to_string((call.device<IOAutoFocus>().*get)());
     };
 }
 
 // Ranges are the module's to check; the reply echoes the value as given.
-AutoFocusBody writes(void (IOAutoFocus::*set)(unsigned), std::string confirmation)
+Text writes(void (IOAutoFocus::*set)(unsigned), std::string confirmation)
 {
-    return [set, confirmation = std::move(confirmation)](IOAutoFocus& module, const Arguments& arguments) {
-        int value = std::stoi(arguments.at(0));
-        (module.*set)(static_cast<unsigned>(value));
+    return [set, confirmation = std::move(confirmation)](RouteCall& call) {
+        const int value = call.i32(0);
+        (call.device<IOAutoFocus>().*set)(static_cast<unsigned>(value));
         return confirmation + std::to_string(value);
     };
 }
 
-AutoFocusBody runs(void (IOAutoFocus::*command)(), std::string confirmation)
+Text runs(void (IOAutoFocus::*command)(), std::string confirmation)
 {
-    return [command, confirmation = std::move(confirmation)](IOAutoFocus& module, const Arguments&) {
-        (module.*command)();
+    return [command, confirmation = std::move(confirmation)](RouteCall& call) {
+        (call.device<IOAutoFocus>().*command)();
         return confirmation;
     };
 }
 
+// Only "SetAFPosition" starts from "Error"; the others start from "OK", so their failures
+// read "OKIOException" and "OKRuntimeError". Clients match on these words.
+Route route(std::string status, std::string name, std::string help,
+            std::vector<utils::SpinnerArgumentMetaData> arguments, Text text)
+{
+    std::string prefix = name + ": ";
+    return {std::move(name), std::move(help), std::move(arguments), {K52ResourceGroups::AUTOFOCUS},
+            std::move(prefix), std::move(status), Converts::deviceErrors, {},
+            [text = std::move(text)](RouteCall& call) { return call.ok(text(call)); }};
+}
+
 } // namespace
 
-void K52CommandRouter::registerAutoFocusCommands()
+std::vector<Route> autoFocusRoutes(const RouteServices&)
 {
-    // Only "SetAFPosition" starts from "Error"; the others start from "OK", so their failures
-    // read "OKIOException" and "OKRuntimeError". Clients match on these words.
-    auto route = [this](std::string status, std::string name, std::string description,
-                        std::vector<utils::SpinnerArgumentMetaData> arguments, AutoFocusBody body) {
-        RouteHandler handler =
-            deviceRoute<IOAutoFocus>(resources_, K52ResourceGroups::AUTOFOCUS, &K52ResourceManager::autoFocus,
-                                     RouteReplyBuilder(std::move(status), name + ": "), std::move(body));
-        return RouteEntry{std::move(name), std::move(description), {std::move(arguments)},
-                          std::move(handler)};
-    };
     using M = IOAutoFocus;
-
-    registerRoutes({
+    return {
         route("Error", "SetAFPosition", "Sets the position of the AF module",
               {utils::numericalArgument("position", "the desiered autofocus position", 0, 65535)},
               writes(&M::setPosition, "AF position set to ")),
@@ -77,7 +74,7 @@ void K52CommandRouter::registerAutoFocusCommands()
               runs(&M::sweepFrequency, "Frequency sweep initiated.")),
         route("OK", "GetAFFrequency", "Gets the current frequency of the AF module", {},
               reads("Current frequency: ", &M::getFrequency)),
-    });
+    };
 }
 
 } // namespace k52app

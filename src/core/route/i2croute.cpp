@@ -1,75 +1,53 @@
-#include "core/commandrouter.h"
-
-#include "utils/base/strings.h"
+#include "core/route/families.h"
 #include "utils/io/ioi2cfile.h"
 
 #include <fcntl.h>
 
+#include <cstdint>
 #include <optional>
+#include <string>
+#include <vector>
 
 namespace k52app {
 
 namespace {
 
-using Arguments = std::vector<std::string>;
-
-// Both routes answer "Failed" plus a reason when the register access fails, and a plain
-// "register OFFSET = VALUE" (decimal) when it works.
-const RouteReplyBuilder i2cReply("Error", "Failed");
 const std::string accessFailed = ": Failed to set Address.";
 
-// Address, offset and value travel as single bytes. A number that does not fit one is refused
-// like an address the bus rejects, rather than wrapped onto another device or register.
-std::optional<uint8_t> byteArgument(const Arguments& arguments, size_t position)
-{
-    int value = std::stoi(arguments.at(position));
-    if (value < 0 || value > 0xFF)
-        return std::nullopt;
-    return static_cast<uint8_t>(value);
-}
-
-std::string registerText(uint8_t offset, uint8_t value)
-{
-    return "register " + std::to_string(offset) + " = " + std::to_string(value);
-}
+using RegisterAccess = int (*)(const utils::IOI2CFile&, uint8_t offset, uint8_t& value);
 
 // One temporary bus file per call ("/dev/i2c-" + the bus argument as given), so I2C commands
-// on different workers do not wait for each other.
-template <typename Access>
-RouteReply onRegister(const Arguments& arguments, size_t valueCount, Access access)
+// on different workers do not wait for each other. Address, offset and value travel as single
+// bytes: a number that does not fit one is refused like an address the bus rejects, rather
+// than wrapped onto another device or register.
+RouteReply onRegister(RouteCall& call, bool takesValue, RegisterAccess access)
 {
-    return i2cReply.guard([&]() -> RouteReply {
-        const std::string device = "/dev/i2c-" + arguments.at(0);
-        std::optional<uint8_t> address = byteArgument(arguments, 1);
-        std::optional<uint8_t> offset = byteArgument(arguments, 2);
-        std::optional<uint8_t> value = valueCount ? byteArgument(arguments, 3) : uint8_t{0};
-        if (!address || !offset || !value)
-            return i2cReply.refuse(accessFailed);
-        utils::IOI2CFile bus(device, *address, O_RDWR);
-        uint8_t result = *value;
-        if (access(bus, *offset, result) != 0)
-            return i2cReply.refuse(accessFailed);
-        return {"OK", registerText(*offset, result)};
-    });
+    const std::string device = "/dev/i2c-" + call.text(0);
+    const std::optional<uint8_t> address = call.byte(1);
+    const std::optional<uint8_t> offset = call.byte(2);
+    const std::optional<uint8_t> value = takesValue ? call.byte(3) : uint8_t{0};
+    if (!address || !offset || !value)
+        return call.refuse(accessFailed);
+    const utils::IOI2CFile bus(device, *address, O_RDWR);
+    uint8_t result = *value;
+    if (access(bus, *offset, result) != 0)
+        return call.refuse(accessFailed);
+    // Success drops the "Failed" prefix: a plain "register OFFSET = VALUE" in decimal.
+    return {"OK", "register " + std::to_string(*offset) + " = " + std::to_string(result)};
 }
 
-RouteReply getI2C(const Arguments& arguments)
+// Both routes hold no group and answer "Failed" plus a reason when the access fails.
+Route i2c(std::string name, std::string help, std::vector<utils::SpinnerArgumentMetaData> arguments,
+          bool takesValue, RegisterAccess access)
 {
-    return onRegister(arguments, 0, [](const utils::IOI2CFile& bus, uint8_t offset, uint8_t& value) {
-        return bus.readRegister(offset, value);
-    });
-}
-
-RouteReply setI2C(const Arguments& arguments)
-{
-    return onRegister(arguments, 1, [](const utils::IOI2CFile& bus, uint8_t offset, uint8_t& value) {
-        return bus.writeRegister(offset, value);
-    });
+    return {std::move(name), std::move(help), std::move(arguments), {}, "Failed", "Error",
+            Converts::deviceErrors, {},
+            [takesValue, access](RouteCall& call) { return onRegister(call, takesValue, access); }};
 }
 
 } // namespace
 
-void K52CommandRouter::registerI2CCommands()
+std::vector<Route> i2cRoutes(const RouteServices&)
 {
     const std::vector<utils::SpinnerArgumentMetaData> registerAddress = {
         utils::numericalArgument("i2c_bus", "the bus number", 2, 4),
@@ -79,14 +57,14 @@ void K52CommandRouter::registerI2CCommands()
     auto withValue = registerAddress;
     withValue.push_back(utils::numericalArgument("register_value", "the desiered register value", 1, 255));
 
-    registerRoutes({
-        {"GetI2C",
-         "Gets the value of the register at the given address of the given i2c bus at the given offset.",
-         {registerAddress}, getI2C},
-        {"SetI2C",
-         "Sets the value of the register at the given address of the given i2c bus at the given offset.",
-         {withValue}, setI2C},
-    });
+    return {
+        i2c("GetI2C", "Gets the value of the register at the given address of the given i2c bus at the given offset.",
+            registerAddress, false,
+            [](const utils::IOI2CFile& bus, uint8_t offset, uint8_t& value) { return bus.readRegister(offset, value); }),
+        i2c("SetI2C", "Sets the value of the register at the given address of the given i2c bus at the given offset.",
+            withValue, true,
+            [](const utils::IOI2CFile& bus, uint8_t offset, uint8_t& value) { return bus.writeRegister(offset, value); }),
+    };
 }
 
 } // namespace k52app

@@ -1,11 +1,8 @@
-#include "core/commandrouter.h"
-#include "core/route/deviceroute.h"
-#include "core/k52resourcemanager.h"
-#include "core/route/sysfsvalue.h"
+#include "core/route/families.h"
 #include "utils/io/ioi2crtu.h"
+#include "utils/io/sysfsvalue.h"
 
 #include <functional>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -13,102 +10,99 @@ namespace k52app {
 
 namespace {
 
-using Arguments = std::vector<std::string>;
 using utils::IOI2CRTU;
 
-// What one route does with the RTU's registers: the text that follows the route's prefix.
-using RegisterAction = std::function<std::string(const IOI2CRTU&, const Arguments&)>;
-
 // The register keeps the low 16 bits; the client sees the number it sent.
-RegisterAction setRegister(IOI2CRTU::Register reg, std::string label)
+std::function<std::string(RouteCall&)> setRegister(IOI2CRTU::Register reg, std::string label)
 {
-    return [reg, label = std::move(label)](const IOI2CRTU& rtu, const Arguments& arguments) {
-        const int value = std::stoi(arguments.at(0));
-        rtu.writeRTUHalfwordRegister(reg, static_cast<unsigned short>(value));
+    return [reg, label = std::move(label)](RouteCall& call) {
+        const int value = call.i32(0);
+        call.device<IOI2CRTU>().writeRTUHalfwordRegister(reg, static_cast<unsigned short>(value));
         return label + std::to_string(value);
     };
 }
 
-RegisterAction showRegister(IOI2CRTU::Register reg, std::string label)
+std::function<std::string(RouteCall&)> showRegister(IOI2CRTU::Register reg, std::string label)
 {
-    return [reg, label = std::move(label)](const IOI2CRTU& rtu, const Arguments&) {
-        return label + std::to_string(rtu.readRTUHalfwordRegister(reg));
+    return [reg, label = std::move(label)](RouteCall& call) {
+        return label + std::to_string(call.device<IOI2CRTU>().readRTUHalfwordRegister(reg));
     };
 }
 
-std::string setAnalogOutputState(const IOI2CRTU& rtu, const Arguments& arguments)
+std::string setAnalogOutputState(RouteCall& call)
 {
-    const bool enable = std::stoi(arguments.at(0)) != 0;
-    rtu.writeRTUHalfwordRegister(IOI2CRTU::analogOutputState,
-                                 enable ? IOI2CRTU::analogOutputEnable : 0);
-    writeActiveLowLine(analogOutputEnableLinePath, enable);
+    const bool enable = call.i32(0) != 0;
+    call.device<IOI2CRTU>().writeRTUHalfwordRegister(IOI2CRTU::analogOutputState,
+                                                      enable ? IOI2CRTU::analogOutputEnable : 0);
+    utils::writeActiveLowLine(utils::analogOutputEnableLinePath, enable);
     return std::string("Analog output ") + (enable ? "enabled" : "disabled");
 }
 
 // The line goes first so that a failed write leaves the register untouched.
-std::string setAnalogOutputType(const IOI2CRTU& rtu, const Arguments& arguments)
+std::string setAnalogOutputType(RouteCall& call)
 {
-    const bool current = std::stoi(arguments.at(0)) != 0;
-    writeActiveLowLine(analogOutputTypeLinePath, current);
-    rtu.writeRTUHalfwordRegister(IOI2CRTU::analogOutputType, current ? 1 : 0);
+    const bool current = call.i32(0) != 0;
+    utils::writeActiveLowLine(utils::analogOutputTypeLinePath, current);
+    call.device<IOI2CRTU>().writeRTUHalfwordRegister(IOI2CRTU::analogOutputType, current ? 1 : 0);
     return current ? "current" : "voltage";
+}
+
+// Shares the RTU group with the unit's own routes: both reach the same analog output. Each
+// route answers after "<name>: ".
+Route i2cRtu(std::string name, std::string help, bool takesValue,
+                    std::function<std::string(RouteCall&)> text)
+{
+    std::string prefix = name + ": ";
+    return {std::move(name),
+            std::move(help),
+            takesValue ? std::vector{utils::IntegerArgumentMetaData} : std::vector<utils::SpinnerArgumentMetaData>{},
+            {K52ResourceGroups::RTU},
+            std::move(prefix),
+            "Error",
+            Converts::deviceErrors,
+            {},
+            [text = std::move(text)](RouteCall& call) { return call.ok(text(call)); }};
 }
 
 } // namespace
 
-void K52CommandRouter::registerI2CRTUCommands()
+std::vector<Route> i2cRtuRoutes(const RouteServices&)
 {
-    // Shares the RTU group with the unit's own routes: both reach the same analog output.
-    auto route = [this](std::string prefix, RegisterAction action) -> RouteHandler {
-        return deviceRoute<IOI2CRTU>(resources_, K52ResourceGroups::RTU, &K52ResourceManager::rtuI2C,
-                                     RouteReplyBuilder("Error", std::move(prefix)), std::move(action));
-    };
-    const utils::SpinnerMetaData none;
-    const utils::SpinnerMetaData integer{{utils::IntegerArgumentMetaData}};
-
-    registerRoutes({
-        {"SetI2CRTUAnalogOutputState", "Sets the RTU analog output state (0 = disable, 1 = enable)",
-         integer, route("SetI2CRTUAnalogOutputState: ", setAnalogOutputState)},
-        {"GetI2CRTUAnalogOutputState", "Gets the RTU analog output state", none,
-         route("GetI2CRTUAnalogOutputState: ",
-               [](const IOI2CRTU& rtu, const Arguments&) {
+    return {
+        i2cRtu("SetI2CRTUAnalogOutputState", "Sets the RTU analog output state (0 = disable, 1 = enable)", true,
+               setAnalogOutputState),
+        i2cRtu("GetI2CRTUAnalogOutputState", "Gets the RTU analog output state", false,
+               [](RouteCall& call) {
                    // The unit sets only the enable flag, but any bit means enabled.
-                   const bool enabled = rtu.readRTUHalfwordRegister(IOI2CRTU::analogOutputState) != 0;
+                   const bool enabled =
+                       call.device<IOI2CRTU>().readRTUHalfwordRegister(IOI2CRTU::analogOutputState) != 0;
                    return std::string("RTU Analog Output State: ") + (enabled ? "enabled" : "disabled");
-               })},
-        {"SetI2CRTUAnalogOutputType", "Sets the RTU analog output type (0 = voltage, 1 = current)",
-         integer, route("SetI2CRTUAnalogOutputType: ", setAnalogOutputType)},
-        {"GetI2CRTUAnalogOutputType", "Gets the RTU analog output type", none,
-         route("GetI2CRTUAnalogOutputType: ",
-               [](const IOI2CRTU& rtu, const Arguments&) {
-                   const bool current = rtu.readRTUHalfwordRegister(IOI2CRTU::analogOutputType) != 0;
+               }),
+        i2cRtu("SetI2CRTUAnalogOutputType", "Sets the RTU analog output type (0 = voltage, 1 = current)", true,
+               setAnalogOutputType),
+        i2cRtu("GetI2CRTUAnalogOutputType", "Gets the RTU analog output type", false,
+               [](RouteCall& call) {
+                   const bool current =
+                       call.device<IOI2CRTU>().readRTUHalfwordRegister(IOI2CRTU::analogOutputType) != 0;
                    return std::string("RTU Analog Output Type: ") + (current ? "current" : "voltage");
-               })},
-        {"SetI2CRTUAnalogOutputVoltage", "Sets the RTU analog output Voltage", integer,
-         route("SetI2CRTUAnalogOutputVoltage: ",
-               setRegister(IOI2CRTU::analogOutputVoltage, "Analog output voltage set to "))},
-        {"GetI2CRTUAnalogOutputVoltage", "Gets the RTU analog output Voltage", none,
-         route("GetI2CRTUAnalogOutputVoltage: ",
-               showRegister(IOI2CRTU::analogOutputVoltage, "RTU Analog Output Voltage: "))},
-        {"SetI2CRTUAnalogOutputCurrent", "Sets the RTU analog output current", integer,
-         route("SetI2CRTUAnalogOutputCurrent: ",
-               setRegister(IOI2CRTU::analogOutputCurrent, "Analog output current set to "))},
-        {"GetI2CRTUAnalogOutputCurrent", "Gets the RTU analog output current", none,
-         route("GetI2CRTUAnalogOutputCurrent: ",
-               showRegister(IOI2CRTU::analogOutputCurrent, "RTU Analog Output current: "))},
-        {"SetI2CRTUAnalogOutputPWMPeriod", "Sets the RTU analog output PWMPeriod", integer,
-         route("SetI2CRTUAnalogOutputPWMPeriod: ",
-               setRegister(IOI2CRTU::analogOutputPWMPeriod, "Analog output PWMPeriod set to "))},
-        {"GetI2CRTUAnalogOutputPWMPeriod", "Gets the RTU analog output PWMPeriod", none,
-         route("GetI2CRTUAnalogOutputPWMPeriod: ",
-               showRegister(IOI2CRTU::analogOutputPWMPeriod, "RTU Analog Output PWM Period: "))},
-        {"SetI2CRTUAnalogOutputPWMDuty", "Sets the RTU analog output PWMDuty", integer,
-         route("SetI2CRTUAnalogOutputPWMDuty: ",
-               setRegister(IOI2CRTU::analogOutputPWMDuty, "Analog output PWMDuty set to "))},
-        {"GetI2CRTUAnalogOutputPWMDuty", "Gets the RTU analog output PWMDuty", none,
-         route("GetI2CRTUAnalogOutputPWMDuty: ",
-               showRegister(IOI2CRTU::analogOutputPWMDuty, "RTU Analog Output PWMDuty: "))},
-    });
+               }),
+        i2cRtu("SetI2CRTUAnalogOutputVoltage", "Sets the RTU analog output Voltage", true,
+               setRegister(IOI2CRTU::analogOutputVoltage, "Analog output voltage set to ")),
+        i2cRtu("GetI2CRTUAnalogOutputVoltage", "Gets the RTU analog output Voltage", false,
+               showRegister(IOI2CRTU::analogOutputVoltage, "RTU Analog Output Voltage: ")),
+        i2cRtu("SetI2CRTUAnalogOutputCurrent", "Sets the RTU analog output current", true,
+               setRegister(IOI2CRTU::analogOutputCurrent, "Analog output current set to ")),
+        i2cRtu("GetI2CRTUAnalogOutputCurrent", "Gets the RTU analog output current", false,
+               showRegister(IOI2CRTU::analogOutputCurrent, "RTU Analog Output current: ")),
+        i2cRtu("SetI2CRTUAnalogOutputPWMPeriod", "Sets the RTU analog output PWMPeriod", true,
+               setRegister(IOI2CRTU::analogOutputPWMPeriod, "Analog output PWMPeriod set to ")),
+        i2cRtu("GetI2CRTUAnalogOutputPWMPeriod", "Gets the RTU analog output PWMPeriod", false,
+               showRegister(IOI2CRTU::analogOutputPWMPeriod, "RTU Analog Output PWM Period: ")),
+        i2cRtu("SetI2CRTUAnalogOutputPWMDuty", "Sets the RTU analog output PWMDuty", true,
+               setRegister(IOI2CRTU::analogOutputPWMDuty, "Analog output PWMDuty set to ")),
+        i2cRtu("GetI2CRTUAnalogOutputPWMDuty", "Gets the RTU analog output PWMDuty", false,
+               showRegister(IOI2CRTU::analogOutputPWMDuty, "RTU Analog Output PWMDuty: ")),
+    };
 }
 
 } // namespace k52app

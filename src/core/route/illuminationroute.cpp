@@ -1,62 +1,57 @@
-#include "core/commandrouter.h"
-#include "core/route/deviceroute.h"
+#include "core/route/families.h"
+#include "utils/io/ioillumination.h"
 
-#include "core/k52resourcemanager.h"
-#include "utils/base/strings.h"
-
-#include <mutex>
+#include <functional>
 #include <sstream>
+#include <string>
+#include <vector>
 
 namespace k52app {
 
 namespace {
 
 using utils::IOIllumination;
-using Arguments = std::vector<std::string>;
-// The success text after the route prefix.
-using IlluminationBody = DeviceRouteBody<IOIllumination>;
+using Body = std::function<RouteReply(RouteCall&)>;
 
 template <typename Value>
-IlluminationBody reads(std::string label, Value (IOIllumination::*get)() const)
+Body reads(std::string label, Value (IOIllumination::*get)() const)
 {
-    return [label = std::move(label), get](IOIllumination& module, const Arguments&) {
+    return [label = std::move(label), get](RouteCall& call) {
         std::ostringstream text;
-        text << label << (module.*get)();
-        return text.str();
+        text << label << (call.device<IOIllumination>().*get)();
+        return call.ok(text.str());
     };
 }
 
-unsigned parseInt(const std::string& text) { return static_cast<unsigned>(std::stoi(text)); }
-unsigned parseUnsigned(const std::string& text) { return static_cast<unsigned>(std::stoul(text)); }
-
-// A set route confirms with its prefix alone. Ranges are the module's to check.
-IlluminationBody writes(void (IOIllumination::*set)(unsigned),
-                        unsigned (*parse)(const std::string&) = parseUnsigned)
+// A set route confirms with its prefix alone. Ranges are the module's to check. The mode is
+// read as a signed number, so "-1" reaches the module as 4294967295; the others take the full
+// unsigned range, and the worker reports the parser's own text ("stoul") beyond it.
+Body writes(void (IOIllumination::*set)(unsigned), bool signedValue = false)
 {
-    return [set, parse](IOIllumination& module, const Arguments& arguments) {
-        (module.*set)(parse(arguments.at(0)));
-        return std::string();
+    return [set, signedValue](RouteCall& call) {
+        const unsigned value = signedValue ? call.u32(0) : static_cast<unsigned>(std::stoul(call.text(0)));
+        (call.device<IOIllumination>().*set)(value);
+        return call.ok("");
     };
+}
+
+// These routes start from "OK", so their failures read "OKIOException" and "OKRuntimeError";
+// clients match on these words.
+Route route(std::string name, std::string help, std::vector<utils::SpinnerArgumentMetaData> arguments, Body body)
+{
+    std::string prefix = name + ": ";
+    return {std::move(name), std::move(help), std::move(arguments), {K52ResourceGroups::ILLUMINATION},
+            std::move(prefix), "OK", Converts::deviceErrors, {}, std::move(body)};
 }
 
 } // namespace
 
-void K52CommandRouter::registerIlluminationCommands()
+std::vector<Route> illuminationRoutes(const RouteServices&)
 {
-    auto route = [this](std::string name, std::string description,
-                        std::vector<utils::SpinnerArgumentMetaData> arguments, IlluminationBody body) {
-        // These routes start from "OK", so their failures read "OKIOException" and
-        // "OKRuntimeError"; clients match on these words.
-        RouteHandler handler = deviceRoute<IOIllumination>(
-            resources_, K52ResourceGroups::ILLUMINATION, &K52ResourceManager::illumination,
-            RouteReplyBuilder("OK", name + ": "), std::move(body));
-        return RouteEntry{std::move(name), std::move(description), {std::move(arguments)},
-                          std::move(handler)};
-    };
     const auto brightness = utils::numericalArgument("brightness", "brightness of the channel", 0, 100, "0");
     using M = IOIllumination;
 
-    registerRoutes({
+    return {
         route("GetIlluStatus", "Gets the current status of the Illumination module", {},
               reads("Current Status: ", &M::getStatus)),
         route("GetIlluSerialNumber", "Gets the serial number of the Illumination module", {},
@@ -67,7 +62,7 @@ void K52CommandRouter::registerIlluminationCommands()
               {}, reads("External Temperature: ", &M::getExternalTemperature)),
         route("SetIlluMode", "Sets the mode of the Illumination module",
               {utils::numericalArgument("mode", "the desired illumination mode (0 = Continuous, 65535 = Strobe mode)", 0, 65535, "0")},
-              writes(&M::setMode, parseInt)),
+              writes(&M::setMode, true)),
         route("GetIlluMode", "Gets the mode of the Illumination module", {},
               reads("Mode: ", &M::getMode)),
         route("GetIlluSegments", "Gets the segments of the Illumination module", {},
@@ -94,7 +89,7 @@ void K52CommandRouter::registerIlluminationCommands()
               {brightness}, writes(&M::setBlueBrightness)),
         route("GetIlluBlueBrightness", "Gets the brightness of the Blue channel of the Illumination module",
               {}, reads("Brightness: ", &M::getBlueBrightness)),
-    });
+    };
 }
 
 } // namespace k52app
