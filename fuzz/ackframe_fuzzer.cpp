@@ -1,4 +1,4 @@
-// The client's decoder of acknowledgement frames and of the notice text inside them.
+// The decoder of acknowledgement frames and of the notice text inside them.
 #include "client/notice.h"
 
 #include <cstddef>

@@ -1,5 +1,6 @@
 #include "client/connection.h"
-#include "client/wire.h"
+#include "utils/wire/ackframe.h"
+#include "utils/wire/framing.h"
 
 #include <arpa/inet.h>
 #include <netdb.h>
@@ -46,9 +47,11 @@ Connection::Connection(const std::string& host, uint16_t port, Milliseconds time
     std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> addresses(found, &::freeaddrinfo);
     std::string lastError = "no address";
     for (addrinfo* a = found; a; a = a->ai_next) {
-        int fd = ::socket(a->ai_family, a->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, a->ai_protocol);
-        if (fd < 0)
+        utils::FileDescriptor socket(::socket(a->ai_family, a->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, a->ai_protocol),
+                                     utils::FileDescriptor::Closer::system);
+        if (!socket)
             continue;
+        const int fd = socket.get();
         if (::connect(fd, a->ai_addr, a->ai_addrlen) < 0 && errno == EINPROGRESS) {
             pollfd p{fd, POLLOUT, 0};
             int error = ETIMEDOUT;
@@ -62,32 +65,24 @@ Connection::Connection(const std::string& host, uint16_t port, Milliseconds time
         if (errno == 0) {
             int flags = 1;
             ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &flags, sizeof flags);
-            fd_ = fd;
+            fd_ = std::move(socket);
             return;
         }
         lastError = std::strerror(errno);
-        ::close(fd);
     }
     throw std::runtime_error("cannot connect to " + host + ":" + std::to_string(port) + ": " +
                              lastError);
 }
 
-Connection::~Connection()
-{
-    if (fd_ >= 0)
-        ::close(fd_);
-}
-
-Connection::Connection(Connection&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
 
 void Connection::sendAll(const void* data, size_t length)
 {
     auto bytes = static_cast<const char*>(data);
     while (length > 0) {
-        ssize_t n = ::send(fd_, bytes, length, MSG_NOSIGNAL);
+        ssize_t n = ::send(fd_.get(), bytes, length, MSG_NOSIGNAL);
         if (n < 0) {
             if (errno == EAGAIN || errno == EINTR) {
-                pollfd p{fd_, POLLOUT, 0};
+                pollfd p{fd_.get(), POLLOUT, 0};
                 ::poll(&p, 1, 1000);
                 continue;
             }
@@ -103,7 +98,7 @@ void Connection::readExactly(void* data, size_t length, Milliseconds timeout)
     auto deadline = Clock::now() + timeout;
     auto bytes = static_cast<char*>(data);
     while (length > 0) {
-        ssize_t n = ::recv(fd_, bytes, length, 0);
+        ssize_t n = ::recv(fd_.get(), bytes, length, 0);
         if (n > 0) {
             bytes += n;
             length -= static_cast<size_t>(n);
@@ -113,7 +108,7 @@ void Connection::readExactly(void* data, size_t length, Milliseconds timeout)
             throw std::runtime_error("the daemon closed the connection");
         if (errno != EAGAIN && errno != EINTR)
             failWith("receive failed");
-        pollfd p{fd_, POLLIN, 0};
+        pollfd p{fd_.get(), POLLIN, 0};
         int left = remainingMs(deadline);
         if (left == 0 || ::poll(&p, 1, left) == 0)
             throw std::runtime_error("timed out waiting for the daemon");
@@ -122,11 +117,11 @@ void Connection::readExactly(void* data, size_t length, Milliseconds timeout)
 
 bool Connection::peerClosed(Milliseconds wait)
 {
-    pollfd p{fd_, POLLIN, 0};
+    pollfd p{fd_.get(), POLLIN, 0};
     if (::poll(&p, 1, static_cast<int>(wait.count())) <= 0)
         return false;
     char byte;
-    return ::recv(fd_, &byte, 1, MSG_PEEK) == 0;
+    return ::recv(fd_.get(), &byte, 1, MSG_PEEK) == 0;
 }
 
 ControlClient::ControlClient(const std::string& host, uint16_t port) : connection_(host, port) {}
@@ -137,24 +132,24 @@ void ControlClient::sendRaw(const std::string& bytes) { connection_.sendAll(byte
 
 Message ControlClient::readMessage(Milliseconds timeout)
 {
-    std::string bytes(ackframe::headerSize, '\0');
+    using namespace utils::wire;
+    std::string bytes(headerSize, '\0');
     connection_.readExactly(bytes.data(), bytes.size(), timeout);
-    if (wordAt(bytes, 0) != ackframe::magic)
+    if (readWord(bytes, 0) != magic)
         throw std::runtime_error("unexpected bytes on the control socket (no frame magic)");
-    uint32_t total = wordAt(bytes, 4);
+    uint32_t total = readWord(bytes, lengthOffset);
     constexpr uint32_t largest = 64u << 20;
-    if (total < ackframe::headerSize + 4 || total > largest)
+    if (total < headerSize + 4 || total > largest)
         throw std::runtime_error("implausible frame length " + std::to_string(total));
     bytes.resize(total);
-    connection_.readExactly(bytes.data() + ackframe::headerSize, total - ackframe::headerSize,
-                            timeout);
-    return Message{wordAt(bytes, 8), std::move(bytes)};
+    connection_.readExactly(bytes.data() + headerSize, total - headerSize, timeout);
+    return Message{readWord(bytes, kindOffset), std::move(bytes)};
 }
 
 Notice ControlClient::readNotice(Milliseconds timeout)
 {
     Message message = readMessage(timeout);
-    if (message.kind != ackframe::kind)
+    if (message.kind != utils::wire::ackKind)
         throw std::runtime_error("expected a notice, got a message of another kind");
     std::string text = unpackFrame(message.bytes);
     auto notice = parseNotice(text);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "client/notice.h"
+#include "utils/io/filedescriptor.h"
 
 #include <chrono>
 #include <cstdint>
@@ -15,8 +16,7 @@ using Milliseconds = std::chrono::milliseconds;
 class Connection {
 public:
     Connection(const std::string& host, uint16_t port, Milliseconds timeout = Milliseconds(3000));
-    ~Connection();
-    Connection(Connection&& other) noexcept;
+    Connection(Connection&& other) noexcept = default;
     Connection& operator=(Connection&&) = delete;
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
@@ -26,10 +26,10 @@ public:
     void readExactly(void* data, size_t length, Milliseconds timeout);
     // True when the peer has closed (a read of zero bytes would follow).
     bool peerClosed(Milliseconds wait);
-    int descriptor() const { return fd_; }
+    int descriptor() const { return fd_.get(); }
 
 private:
-    int fd_ = -1;
+    utils::FileDescriptor fd_;
 };
 
 // A framed message from the daemon: magic, total length, kind, then the rest.

@@ -169,20 +169,20 @@ FrameImage frameImage(const k52client::Frame& frame)
         result.extension = ".ppm";
         break;
     default:
-        throw std::runtime_error("frames in " + k52client::pixelFormatName(frame.pixelFormat) +
+        throw std::runtime_error(std::string("frames in ") + utils::wire::pixelFormatName(frame.pixelFormat) +
                                  " cannot be saved as an image (only GREY and RGB3)");
     }
     if (result.image.bytesPerLine() * frame.height != frame.size)
         throw std::runtime_error("frame of " + std::to_string(frame.size) + " bytes is not " +
                                  std::to_string(frame.width) + "x" + std::to_string(frame.height) + " " +
-                                 k52client::pixelFormatName(frame.pixelFormat));
+                                 utils::wire::pixelFormatName(frame.pixelFormat));
     result.image.pixels.assign(frame.data, frame.data + frame.size);
     return result;
 }
 
 std::string describe(const k52client::Frame& frame)
 {
-    return k52client::pixelFormatName(frame.pixelFormat) + " " + std::to_string(frame.width) + "x" +
+    return std::string(utils::wire::pixelFormatName(frame.pixelFormat)) + " " + std::to_string(frame.width) + "x" +
            std::to_string(frame.height);
 }
 

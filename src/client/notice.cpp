@@ -1,9 +1,5 @@
 #include "client/notice.h"
-#include "client/wire.h"
 
-#include "utils/base/crc.h"
-
-#include <cstring>
 #include <stdexcept>
 
 namespace k52client {
@@ -13,33 +9,6 @@ namespace {
 constexpr uint32_t colorBlue = 0x3B65E3;
 
 } // namespace
-
-std::string unpackFrame(std::string_view frame)
-{
-    if (frame.size() < ackframe::headerSize + 4)
-        throw std::runtime_error("frame too short: " + std::to_string(frame.size()) + " bytes");
-    if (wordAt(frame, 0) != ackframe::magic)
-        throw std::runtime_error("bad frame magic " + hex(wordAt(frame, 0)));
-    uint32_t total = wordAt(frame, 4);
-    if (total != frame.size())
-        throw std::runtime_error("frame length " + std::to_string(total) + " but " +
-                                 std::to_string(frame.size()) + " bytes received");
-    if (wordAt(frame, 8) != ackframe::kind)
-        throw std::runtime_error("bad frame kind " + hex(wordAt(frame, 8)));
-    if (wordAt(frame, 12) != total - 12)
-        throw std::runtime_error("remaining length " + std::to_string(wordAt(frame, 12)) +
-                                 " does not match total length " + std::to_string(total));
-    uint32_t stored = wordAt(frame, total - 4);
-    uint32_t computed = utils::CRCSum32(frame.data(), total - 4, 0xFFFFFFFF);
-    if (stored != computed)
-        throw std::runtime_error("frame checksum " + hex(stored) + " but content gives " +
-                                 hex(computed));
-    std::string_view text = frame.substr(ackframe::headerSize, total - ackframe::headerSize - 4);
-    if (text.empty() || text.back() != '\0')
-        throw std::runtime_error("frame text is not NUL-terminated");
-    text.remove_suffix(1);
-    return std::string(text);
-}
 
 std::optional<Notice> parseNotice(std::string_view text)
 {

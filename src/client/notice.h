@@ -1,19 +1,13 @@
 #pragma once
 
+#include "utils/wire/ackframe.h"
+
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
 
 namespace k52client {
-
-// The acknowledgement frame the daemon sends on the control socket.
-namespace ackframe {
-constexpr uint32_t magic = 0x0510FFFF;
-constexpr uint32_t kind = 0x052A1001;
-constexpr size_t headerSize = 16;
-constexpr size_t maxSize = 4096;
-} // namespace ackframe
 
 // One notice as a person reads it.
 struct Notice {
@@ -33,8 +27,8 @@ struct Notice {
 // Parses the notice text; nullopt when it is not in the daemon's notice form.
 std::optional<Notice> parseNotice(std::string_view text);
 
-// Checks a whole frame (header words, lengths, CRC) and returns its text; throws
-// std::runtime_error saying what is wrong.
-std::string unpackFrame(std::string_view frame);
+// Checks a whole acknowledgement frame (header words, lengths, CRC) and returns its text;
+// throws std::runtime_error saying what is wrong.
+inline std::string unpackFrame(std::string_view frame) { return utils::wire::decodeAckFrame(frame); }
 
 } // namespace k52client

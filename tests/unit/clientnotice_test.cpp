@@ -1,109 +1,184 @@
+#include "client/descriptor.h"
+#include "client/framestream.h"
 #include "client/notice.h"
+#include "support/bytes.h"
+#include "utils/base/exceptions.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <zlib.h>
 
 #include <cstring>
+#include <functional>
 #include <stdexcept>
 
 namespace {
 
-void put(std::string& bytes, size_t offset, uint32_t value)
+using k52test::word;
+using testing::HasSubstr;
+
+void put(std::string& bytes, size_t offset, uint32_t value) { std::memcpy(bytes.data() + offset, &value, 4); }
+
+uint32_t zlibCrc(const std::string& bytes, size_t length)
 {
-    std::memcpy(bytes.data() + offset, &value, sizeof value);
+    return static_cast<uint32_t>(crc32(0, reinterpret_cast<const Bytef*>(bytes.data()), static_cast<uInt>(length)));
 }
 
-// A frame built the way the wire description says, checksummed with zlib.
-std::string frame(const std::string& text)
+// The messages as the protocol page draws them, checksummed with zlib.
+std::string ackFrame(const std::string& text)
 {
-    size_t n = text.size() + 1;
+    const size_t n = text.size() + 1;
     std::string bytes(20 + n, '\0');
     put(bytes, 0, 0x0510FFFF);
     put(bytes, 4, static_cast<uint32_t>(20 + n));
     put(bytes, 8, 0x052A1001);
     put(bytes, 12, static_cast<uint32_t>(8 + n));
     std::memcpy(bytes.data() + 16, text.c_str(), n);
-    auto crc = crc32(0, reinterpret_cast<const Bytef*>(bytes.data()), static_cast<uInt>(16 + n));
-    put(bytes, 16 + n, static_cast<uint32_t>(crc));
+    put(bytes, 16 + n, zlibCrc(bytes, 16 + n));
+    return bytes;
+}
+
+std::string frameMessage(uint32_t width, uint32_t height, uint32_t pixelFormat)
+{
+    const uint32_t n = width * height;
+    std::string bytes(2248 + n, '\0');
+    for (const auto& [offset, value] : {std::pair<size_t, uint32_t>{0, 0x0510FFFF}, {4, 2248 + n}, {2216, 0x051A0801},
+                                        {2220, 20}, {2224, width}, {2228, height}, {2232, pixelFormat},
+                                        {2236, 0x051A0601}, {2240, n + 8}})
+        put(bytes, offset, value);
+    for (uint32_t i = 0; i < n; ++i)
+        bytes[2244 + i] = static_cast<char>(i * 7);
+    put(bytes, 2244 + n, zlibCrc(bytes, 2244 + n));
+    return bytes;
+}
+
+std::string descriptorMessage(const std::string& xml)
+{
+    const auto used = static_cast<uint32_t>(21 + xml.size());
+    std::string bytes(229376, '\0');
+    put(bytes, 0, 0x0510FFFF);
+    put(bytes, 4, used);
+    put(bytes, 8, 0x052A0201);
+    put(bytes, 12, used - 12);
+    std::memcpy(bytes.data() + 16, xml.data(), xml.size());
+    put(bytes, used - 4, zlibCrc(bytes, used - 4));
+    put(bytes, 229372, zlibCrc(bytes, used - 4));
     return bytes;
 }
 
 const std::string example = "<font color=#121212>[26-11-14 00:05:09] k52app-v1.3.1@unknown-host "
                             "<\\font><font color=#3b65e3>Hello<\\font>";
 
-TEST(ClientNotice, UnpacksAndParsesAWellFormedFrame)
+// Each check of the decoders, by one damaged byte; npos: the message as built, accepted.
+TEST(Wire, DecodersAcceptWellFormedMessagesAndNameEachDamage)
 {
-    std::string text = k52client::unpackFrame(frame(example));
-    EXPECT_EQ(text, example);
-    auto notice = k52client::parseNotice(text);
-    ASSERT_TRUE(notice);
-    EXPECT_EQ(notice->color, 0x3B65E3u);
-    EXPECT_EQ(notice->time, "26-11-14 00:05:09");
-    EXPECT_EQ(notice->origin, "k52app-v1.3.1@unknown-host");
-    EXPECT_EQ(notice->message, "Hello");
-    EXPECT_FALSE(notice->isAcknowledgement());
-}
-
-TEST(ClientNotice, RejectsDamagedFrames)
-{
-    struct Case {
-        const char* what;
-        size_t offset;
-        char value;
-        const char* error;
+    const std::string ack = ackFrame(example), frame = frameMessage(4, 3, 1), descriptor = descriptorMessage("<device/>");
+    auto unpackFrame = [](const std::string& m) { EXPECT_EQ(k52client::unpackFrame(m), example); };
+    auto verify = [](const std::string& m) {
+        auto f = k52client::FrameStream::verify(reinterpret_cast<const uint8_t*>(m.data()), m.size());
+        EXPECT_EQ(std::vector<uint32_t>({f.width, f.height, f.pixelFormat, static_cast<uint32_t>(f.size), f.crc}),
+                  std::vector<uint32_t>({4, 3, 1, 12, word(m, 2256)}));
+        EXPECT_EQ(f.data, reinterpret_cast<const uint8_t*>(m.data()) + 2244);
     };
-    const Case cases[] = {
-        {"magic", 0, 0x00, "bad frame magic"},
-        {"kind", 8, 0x00, "bad frame kind"},
-        {"remaining", 12, 0x7F, "remaining length"},
-        {"text", 40, 'X', "frame checksum"},
+    auto unpackDescriptor = [](const std::string& m) {
+        auto d = k52client::unpackXmlDescriptor(m);
+        EXPECT_EQ(d.document, "<device/>");
+        EXPECT_EQ(d.usedLength, 30u);
+        EXPECT_EQ(d.checksum, word(m, 26));
+    };
+    const struct {
+        const std::string& message;
+        std::function<void(const std::string&)> decode;
+        size_t offset;
+        const char* error;
+    } cases[] = {
+        {ack, unpackFrame, std::string::npos, ""},
+        {ack, unpackFrame, 0, "bad frame magic"},
+        {ack, unpackFrame, 4, "frame length"},
+        {ack, unpackFrame, 8, "bad frame kind"},
+        {ack, unpackFrame, 12, "remaining length"},
+        {ack, unpackFrame, 40, "frame checksum"},
+        {frame, verify, std::string::npos, ""},
+        {frame, verify, 0, "no frame magic"},
+        {frame, verify, 4, "total length"},
+        {frame, verify, 2216, "frame metadata identifier"},
+        {frame, verify, 2232, "unknown pixel format"},
+        {frame, verify, 2236, "frame data identifier"},
+        {frame, verify, 2240, "data length field"},
+        {frame, verify, 2250, "CRC"},
+        {descriptor, unpackDescriptor, std::string::npos, ""},
+        {descriptor, unpackDescriptor, 20, "checksum"},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        std::string bytes = frame(example);
-        bytes[c.offset] = c.value;
-        EXPECT_THAT([&] { k52client::unpackFrame(bytes); },
-                    testing::ThrowsMessage<std::runtime_error>(testing::HasSubstr(c.error)));
+        SCOPED_TRACE(testing::Message() << c.error << " at " << c.offset);
+        std::string bytes = c.message;
+        if (c.offset == std::string::npos) {
+            c.decode(bytes);
+            continue;
+        }
+        bytes[c.offset] ^= 0x20;
+        EXPECT_THAT([&] { c.decode(bytes); }, testing::ThrowsMessage<std::runtime_error>(HasSubstr(c.error)));
     }
-    EXPECT_THROW(k52client::unpackFrame(frame(example).substr(0, 30)), std::runtime_error);
+}
+
+TEST(Wire, EncodersWriteTheDocumentedBytes)
+{
+    for (const std::string& text : {std::string(), example, std::string(4075, 'x')}) {
+        SCOPED_TRACE(text.size());
+        utils::wire::AckFrameBuffer buffer{};
+        const size_t length = utils::wire::encodeAckFrame(buffer, text);
+        const std::string expected = ackFrame(text);
+        EXPECT_EQ(std::string(reinterpret_cast<const char*>(buffer.data()), length), expected);
+        EXPECT_EQ(word(buffer.data(), 4092), word(expected, expected.size() - 4)) << "second copy";
+    }
+    utils::wire::AckFrameBuffer buffer{};
+    EXPECT_THAT([&] { utils::wire::encodeAckFrame(buffer, std::string(4076, 'x')); },
+                testing::ThrowsMessage<utils::UtilsError>("Acknowledgement message is too big."));
+
+    // Only the per-frame words are the encoders' to write; the rest stays as it was.
+    const std::string frame = frameMessage(5, 2, 7);
+    std::string header = frame;
+    for (size_t offset : {4, 2224, 2228, 2232, 2240})
+        put(header, offset, 0);
+    utils::wire::encodeFrameHeader(header.data(), 5, 2, 7, 10);
+    EXPECT_EQ(header, frame);
+
+    const std::string descriptor = descriptorMessage("<device><a/></device>");
+    std::string sealed = descriptor;
+    for (size_t offset : {4, 12, 38, 229372})
+        put(sealed, offset, 0);
+    EXPECT_EQ(utils::wire::sealDescriptorMessage(reinterpret_cast<uint8_t*>(sealed.data())), word(descriptor, 38));
+    EXPECT_EQ(sealed, descriptor);
 }
 
 TEST(ClientNotice, TellsAcknowledgementsFromNotices)
 {
-    struct Case {
+    const struct {
         uint32_t color;
-        const char* message;
+        const char *message, *status, *reply;
         bool acknowledgement;
-        const char* status;
-        const char* reply;
-    };
-    const Case cases[] = {
-        {0x788A3D, "OK : GetRTUFPS: FPS: 30", true, "OK", "GetRTUFPS: FPS: 30"},
-        {0xFF9D00, "ErrorIOException : GetRTUFPS: Input/output error", true, "ErrorIOException",
-         "GetRTUFPS: Input/output error"},
-        {0xC81919, "Error : Success : Unknown route 'X'.", true, "Error", "Success : Unknown route 'X'."},
-        {0xFF9D00, "Button : Rising Edge Detected.", false, "Button", "Rising Edge Detected."},
-        {0x3B65E3, "Button : Falling Edge Detected.", false, "Button", "Falling Edge Detected."},
-        {0x3B65E3, "Benchmark = '30.0' FPS", false, "", "Benchmark = '30.0' FPS"},
+    } cases[] = {
+        {0x788A3D, "OK : GetRTUFPS: FPS: 30", "OK", "GetRTUFPS: FPS: 30", true},
+        {0xC81919, "Error : Success : Unknown route 'X'.", "Error", "Success : Unknown route 'X'.", true},
+        {0xFF9D00, "Button : Rising Edge Detected.", "Button", "Rising Edge Detected.", false},
+        {0x3B65E3, "Button : Falling Edge Detected.", "Button", "Falling Edge Detected.", false},
+        {0x3B65E3, "Benchmark = '30.0' FPS", "", "Benchmark = '30.0' FPS", false},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.message);
         char color[8];
         std::snprintf(color, sizeof color, "%x", c.color);
         auto notice = k52client::parseNotice(
-            std::string("<font color=#121212>[26-11-14 00:05:09] k52app-v1.3.1@cam <\\font><font color=#") +
-            color + ">" + c.message + "<\\font>");
+            std::string("<font color=#121212>[26-11-14 00:05:09] k52app-v1.3.1@cam <\\font><font color=#") + color +
+            ">" + c.message + "<\\font>");
         ASSERT_TRUE(notice);
+        EXPECT_EQ(notice->color, c.color);
+        EXPECT_EQ(notice->time, "26-11-14 00:05:09");
         EXPECT_EQ(notice->origin, "k52app-v1.3.1@cam");
         EXPECT_EQ(notice->isAcknowledgement(), c.acknowledgement);
         EXPECT_EQ(notice->status(), c.status);
         EXPECT_EQ(notice->reply(), c.reply);
     }
-}
-
-TEST(ClientNotice, RefusesTextOfAnotherShape)
-{
     for (const char* text : {"", "hello", "<font color=#121212>[x] y <\\font>",
                              "<font color=#121212>[t] o <\\font><font color=#zz>m<\\font>"}) {
         SCOPED_TRACE(text);

@@ -4,11 +4,17 @@
 #include "utils/container/xmlblockserializer.h"
 #include "utils/io/iocpuinfo.h"
 #include "utils/version.h"
+#include "utils/wire/containerheader.h"
+#include "utils/wire/descriptormessage.h"
+#include "utils/wire/framemessage.h"
+#include "utils/wire/framing.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <tinyxml2.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
@@ -27,6 +33,18 @@ constexpr const char* lockFileName = "k52app.lock";
 
 constexpr const char* programName = "k52app";
 constexpr const char* programBrief = "High performance hardware-proxy.";
+
+// The files mapped here are what the descriptor and frame messages send, so their layouts and
+// the wire's offsets must agree.
+using utils::GeneralContainer;
+using utils::GeneralSubContainer;
+static_assert(sizeof(utils::XMLContainer) == utils::wire::descriptorSize);
+static_assert(GeneralContainer::offsetOf<GeneralSubContainer::frameMetadata>() ==
+              utils::wire::frameMetadataIdOffset);
+static_assert(GeneralContainer::offsetOf<GeneralSubContainer::frameMetadata>() + 8 ==
+              utils::wire::frameWidthOffset);
+static_assert(GeneralContainer::offsetOf<GeneralSubContainer::frameData>() == utils::wire::frameDataIdOffset);
+static_assert(sizeof(GeneralContainer) == utils::wire::frameOverhead + utils::wire::frameCapacity);
 
 // Creates every directory above the file named by `path`, never the file itself.
 void createParentDirectories(const std::string& path)
@@ -111,7 +129,7 @@ std::string ContainerManager::getPath(K52Container container) const
 
 utils::XMLContainer& ContainerManager::xmlContainer()
 {
-    return mapped(xmlContainer_.get(), "XML container");
+    return mapped(xmlContainer_.as<utils::XMLContainer>(), "XML container");
 }
 
 utils::XmlContainerBlock& ContainerManager::xmlBlock()
@@ -121,7 +139,7 @@ utils::XmlContainerBlock& ContainerManager::xmlBlock()
 
 utils::GeneralContainer& ContainerManager::generalContainer()
 {
-    return mapped(generalContainer_.get(), "General container");
+    return mapped(generalContainer_.as<utils::GeneralContainer>(), "General container");
 }
 
 utils::SubContainer<utils::IORTUDataAdapter>& ContainerManager::rtuSubContainer()
@@ -153,10 +171,11 @@ uint32_t ContainerManager::updateChecksum(K52Container container)
 
 // The lock file stays when the manager goes: removing it would let a newcomer lock a fresh
 // file while another process still waits on the old one.
-ContainerManager::FileDescriptor ContainerManager::lockContainers(const std::string& path)
+utils::FileDescriptor ContainerManager::lockContainers(const std::string& path)
 {
     createParentDirectories(path);
-    FileDescriptor lock(::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
+    utils::FileDescriptor lock(::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644),
+                               utils::FileDescriptor::Closer::system);
     if (!lock)
         throw std::runtime_error("Failed to open file: " + path + " - " + std::strerror(errno));
     if (::flock(lock.get(), LOCK_EX | LOCK_NB) == -1) {
@@ -199,7 +218,7 @@ void ContainerManager::mapContainers()
 }
 
 template <typename Layout>
-ContainerManager::MappedContainer<Layout> ContainerManager::mmapFile(const std::string& path)
+utils::MappedRegion ContainerManager::mmapFile(const std::string& path)
 {
     createParentDirectories(path);
     // A file left by an earlier run is stale: start from a new, zero-filled one. Whatever
@@ -207,7 +226,8 @@ ContainerManager::MappedContainer<Layout> ContainerManager::mmapFile(const std::
     // creation fail rather than redirect it.
     std::remove(path.c_str());
     // Read-only for everyone else; this descriptor keeps write access.
-    FileDescriptor fd(::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0444));
+    utils::FileDescriptor fd(::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0444),
+                             utils::FileDescriptor::Closer::system);
     if (!fd)
         throw std::runtime_error("Failed to open file: " + path);
     try {
@@ -217,7 +237,7 @@ ContainerManager::MappedContainer<Layout> ContainerManager::mmapFile(const std::
             ::mmap(nullptr, sizeof(Layout), PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
         if (address == MAP_FAILED)
             throw std::runtime_error("Failed to mmap file: " + path);
-        MappedContainer<Layout> mapping(address);
+        utils::MappedRegion mapping(address, sizeof(Layout), utils::MappedRegion::Unmapper::system);
         descriptors_.push_back(std::move(fd));
         K52_LOG(debug) << "Mapped: " << path;
         return mapping;
@@ -231,9 +251,9 @@ void ContainerManager::initializeXMLContainer()
 {
     K52_LOG(debug) << "Initializing XML Container.";
     auto& container = xmlContainer();
-    container.identifier = utils::containerIdentifier;
+    container.identifier = utils::wire::magic;
     container.size = sizeof container;
-    writeHeader(container.subContainer<0>(), utils::xmlSubContainerIdentifier);
+    writeHeader(container.subContainer<0>(), utils::wire::xmlSubContainerId);
     {
         utils::XMLBlockSerializer serializer(container.subContainer<0>().payload, "device");
         const utils::IOCpuInfo cpuInfo;
@@ -262,18 +282,17 @@ void ContainerManager::initializeXMLContainer()
 
 void ContainerManager::initializeGeneralContainer()
 {
-    using utils::GeneralSubContainer;
     auto& container = generalContainer();
-    container.identifier = utils::containerIdentifier;
+    container.identifier = utils::wire::magic;
     container.size = sizeof container;
     auto& rtu = container.subContainer<GeneralSubContainer::rtuData>();
     auto& imx = container.subContainer<GeneralSubContainer::imxData>();
     auto& metadata = container.subContainer<GeneralSubContainer::frameMetadata>();
     auto& frame = container.subContainer<GeneralSubContainer::frameData>();
-    writeHeader(rtu, utils::rtuSubContainerIdentifier);
-    writeHeader(imx, utils::imxSubContainerIdentifier);
-    writeHeader(metadata, utils::frameMetadataSubContainerIdentifier);
-    writeHeader(frame, utils::frameDataSubContainerIdentifier);
+    writeHeader(rtu, utils::wire::rtuSubContainerId);
+    writeHeader(imx, utils::wire::imxSubContainerId);
+    writeHeader(metadata, utils::wire::frameMetadataSubContainerId);
+    writeHeader(frame, utils::wire::frameDataSubContainerId);
     K52_LOG(info) << "Initialized RTU SubContainer : size = " << rtu.size
                   << ", id = " << hex32(rtu.identifier);
     K52_LOG(info) << "Initialized IMX SubContainer : size = " << imx.size

@@ -1,10 +1,9 @@
 #pragma once
 
 #include "utils/container/container.h"
+#include "utils/io/filedescriptor.h"
 #include "utils/io/iobase.h"
-
-#include <sys/mman.h>
-#include <unistd.h>
+#include "utils/io/mappedregion.h"
 
 #include <cstdint>
 #include <map>
@@ -60,73 +59,11 @@ public:
     uint32_t updateChecksum(K52Container container);
 
 private:
-    // Owns one shared mapping of a whole container file.
-    template <typename Layout>
-    class MappedContainer {
-    public:
-        MappedContainer() = default;
-        explicit MappedContainer(void* address) : layout_(static_cast<Layout*>(address)) {}
-        MappedContainer(MappedContainer&& other) noexcept
-            : layout_(std::exchange(other.layout_, nullptr))
-        {
-        }
-        MappedContainer& operator=(MappedContainer&& other) noexcept
-        {
-            if (this != &other) {
-                reset();
-                layout_ = std::exchange(other.layout_, nullptr);
-            }
-            return *this;
-        }
-        ~MappedContainer() { reset(); }
-
-        void reset()
-        {
-            if (layout_)
-                ::munmap(layout_, sizeof(Layout));
-            layout_ = nullptr;
-        }
-        Layout* get() const { return layout_; }
-        explicit operator bool() const { return layout_ != nullptr; }
-
-    private:
-        Layout* layout_ = nullptr;
-    };
-
-    // Owns one descriptor of a container file.
-    class FileDescriptor {
-    public:
-        explicit FileDescriptor(int fd) : fd_(fd) {}
-        FileDescriptor(FileDescriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-        FileDescriptor& operator=(FileDescriptor&& other) noexcept
-        {
-            if (this != &other) {
-                reset();
-                fd_ = std::exchange(other.fd_, -1);
-            }
-            return *this;
-        }
-        ~FileDescriptor() { reset(); }
-
-        int get() const { return fd_; }
-        int release() { return std::exchange(fd_, -1); }
-        void reset()
-        {
-            if (fd_ != -1)
-                ::close(fd_);
-            fd_ = -1;
-        }
-        explicit operator bool() const { return fd_ != -1; }
-
-    private:
-        int fd_;
-    };
-
-    static FileDescriptor lockContainers(const std::string& path);
+    static utils::FileDescriptor lockContainers(const std::string& path);
     void initializeContainers();
     void mapContainers();
     template <typename Layout>
-    MappedContainer<Layout> mmapFile(const std::string& path);
+    utils::MappedRegion mmapFile(const std::string& path);
     void initializeXMLContainer();
     void initializeGeneralContainer();
     void cleanupContainers();
@@ -135,11 +72,11 @@ private:
     // or what a move assignment overwrites.
     void discardContainers();
 
-    FileDescriptor lock_; // first in, last out: held until the files are gone
-    MappedContainer<utils::XMLContainer> xmlContainer_;
-    MappedContainer<utils::GeneralContainer> generalContainer_;
+    utils::FileDescriptor lock_; // first in, last out: held until the files are gone
+    utils::MappedRegion xmlContainer_;
+    utils::MappedRegion generalContainer_;
     std::map<K52Container, std::string> paths_;
-    std::vector<FileDescriptor> descriptors_;
+    std::vector<utils::FileDescriptor> descriptors_;
 };
 
 } // namespace k52app

@@ -2,16 +2,14 @@
 
 #include "core/k52resourcemanager.h"
 #include "k52app/logrecord.h"
-#include "utils/base/crc.h"
-#include "utils/base/exceptions.h"
 #include "utils/net/tcpsocket.h"
 #include "utils/version.h"
+#include "utils/wire/ackframe.h"
 
 #include <unistd.h>
 
-#include <array>
 #include <chrono>
-#include <cstring>
+#include <cstdio>
 #include <ctime>
 
 namespace k52app {
@@ -19,11 +17,6 @@ namespace k52app {
 namespace {
 
 constexpr const char* headingColor = "121212";
-
-void putWord(uint8_t* frame, size_t offset, uint32_t value)
-{
-    std::memcpy(frame + offset, &value, sizeof value);
-}
 
 std::string hostPart()
 {
@@ -78,25 +71,11 @@ void AckReport::sendColoredMessage(Color color, const std::string& message)
 void AckReport::sendColoredMessage(uint32_t color, const std::string& message)
 {
     std::lock_guard lock(*socketMutex_);
-    std::array<uint8_t, frameSize> frame{};
-    putWord(frame.data(), 0, frameMagic);
-    putWord(frame.data(), 4, static_cast<uint32_t>(frameSize));
-    putWord(frame.data(), 8, frameKind);
-    putWord(frame.data(), 12, static_cast<uint32_t>(frameSize - 12));
-
-    std::string text = formatNotice(color, message);
+    const std::string text = formatNotice(color, message);
     K52_LOG(debug) << "AckReport content:" << text;
-
-    size_t n = text.size() + 1;
-    if (n > maxTextSize)
-        throw utils::UtilsError("Acknowledgement message is too big.");
-    std::memcpy(frame.data() + 16, text.c_str(), n);
-    putWord(frame.data(), 4, static_cast<uint32_t>(20 + n));
-    putWord(frame.data(), 12, static_cast<uint32_t>(8 + n));
-    uint32_t checksum = utils::CRCSum32(frame.data(), 16 + n, 0xFFFFFFFF);
-    putWord(frame.data(), 16 + n, checksum);
-    putWord(frame.data(), frameSize - 4, checksum);
-    socket_->send(frame.data(), 20 + n);
+    utils::wire::AckFrameBuffer frame{};
+    const size_t length = utils::wire::encodeAckFrame(frame, text);
+    socket_->send(frame.data(), length);
 }
 
 } // namespace k52app

@@ -23,11 +23,6 @@ public:
         Blue = 0x3B65E3,
     };
 
-    static constexpr uint32_t frameMagic = 0x0510FFFF;
-    static constexpr uint32_t frameKind = 0x052A1001;
-    static constexpr size_t frameSize = 4096;
-    static constexpr size_t maxTextSize = frameSize - 20; // text and its NUL
-
     explicit AckReport(K52ResourceManager& resources);
     AckReport(utils::TCPSocket& socket, std::mutex& socketMutex);
 

@@ -6,6 +6,7 @@
 #include "utils/io/ioimxdataadapter.h"
 #include "utils/io/iortudataadapter.h"
 #include "utils/io/iov4l2frame.h"
+#include "utils/wire/framing.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -60,14 +61,11 @@ constexpr std::size_t offsetInList()
 
 } // namespace detail
 
-// The identifier at offset 0 of every container file.
-inline constexpr uint32_t containerIdentifier = 0x0510FFFF;
-
 // A container file: identifier, size of the whole file, the sub-containers, and a CRC-32 of
 // everything before it in its last four bytes.
 template <typename... SubContainers>
 struct Container {
-    static constexpr uint32_t seed = 0xFFFFFFFF;
+    static constexpr uint32_t seed = wire::checksumSeed;
 
     uint32_t identifier;
     uint32_t size;
@@ -115,7 +113,6 @@ struct Container {
 
 // The XML container file: one sub-container holding the XML block.
 using XMLContainer = Container<SubContainer<XmlContainerBlock>>;
-inline constexpr uint32_t xmlSubContainerIdentifier = 0x052A0201;
 
 // The general container file: device records and the latest frame.
 using GeneralContainer = Container<SubContainer<IORTUDataAdapter>, SubContainer<IOIMXDataAdapter>,
@@ -124,10 +121,6 @@ using GeneralContainer = Container<SubContainer<IORTUDataAdapter>, SubContainer<
 struct GeneralSubContainer {
     enum : std::size_t { rtuData = 0, imxData = 1, frameMetadata = 2, frameData = 3 };
 };
-inline constexpr uint32_t rtuSubContainerIdentifier = 0x0510F000;
-inline constexpr uint32_t imxSubContainerIdentifier = 0x0510F001;
-inline constexpr uint32_t frameMetadataSubContainerIdentifier = 0x051A0801;
-inline constexpr uint32_t frameDataSubContainerIdentifier = 0x051A0601;
 
 // Readers in other processes depend on these numbers.
 static_assert(std::is_standard_layout_v<XMLContainer> && XMLContainer::hasNoPadding());
