@@ -21,14 +21,14 @@ unsigned IOIMX::getSensorType() const { return readRegister(reg::sensorType, "SE
 
 unsigned IOIMX::getExposure() const { return readRegister(reg::exposure, "EXPOSURE"); }
 
-void IOIMX::setExposure(unsigned us) const { writeRegister(reg::exposure, us, "EXPOSURE"); }
+void IOIMX::setExposure(unsigned us) { writeRegister(reg::exposure, us, "EXPOSURE"); }
 
 unsigned char IOIMX::getTriggerMode() const
 {
     return static_cast<unsigned char>(readRegister(reg::triggerMode, "TRIGGER_MODE"));
 }
 
-void IOIMX::setTriggerMode(unsigned char mode) const
+void IOIMX::setTriggerMode(unsigned char mode)
 {
     writeRegister(reg::triggerMode, mode, "TRIGGER_MODE");
 }
@@ -38,7 +38,7 @@ _hscan_modes_t IOIMX::getHalfScanMode() const
     return static_cast<_hscan_modes_t>(readRegister(reg::halfScanMode, "HSCAN_MODE"));
 }
 
-void IOIMX::setScanMode(_hscan_modes_t mode) const
+void IOIMX::setScanMode(_hscan_modes_t mode)
 {
     writeRegister(reg::halfScanMode, mode, "HSCAN_MODE");
 }
@@ -50,7 +50,7 @@ std::pair<int, int> IOIMX::getROIXYOffset() const
     return {static_cast<int32_t>(le32toh(wire[0])), static_cast<int32_t>(le32toh(wire[1]))};
 }
 
-void IOIMX::setROIXYOffset(int x, int y) const
+void IOIMX::setROIXYOffset(int x, int y)
 {
     const uint32_t wire[2] = {htole32(static_cast<uint32_t>(x)), htole32(static_cast<uint32_t>(y))};
     writeBlock(reg::roiOffset, wire, sizeof wire, "ROI_OFFSET");

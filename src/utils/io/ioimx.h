@@ -24,18 +24,18 @@ public:
 
     unsigned getExposure() const;
     // Microseconds, 1 to 10 000 000.
-    void setExposure(unsigned microseconds) const;
+    void setExposure(unsigned microseconds);
 
     // 0 free-running, 1 exposures on the RTU's trigger.
     unsigned char getTriggerMode() const;
-    void setTriggerMode(unsigned char mode) const;
+    void setTriggerMode(unsigned char mode);
 
     _hscan_modes_t getHalfScanMode() const;
-    void setScanMode(_hscan_modes_t mode) const;
+    void setScanMode(_hscan_modes_t mode);
 
     // Offset of the region of interest in the pixel array: (x, y).
     std::pair<int, int> getROIXYOffset() const;
-    void setROIXYOffset(int x, int y) const;
+    void setROIXYOffset(int x, int y);
 
     // The pixel array's size.
     unsigned getPixelWidth() const;

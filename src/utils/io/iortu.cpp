@@ -42,13 +42,13 @@ IORTURevision IORTU::getRevision() const
             readRegister(reg::revisionPatch, "REVISION_PATCH")};
 }
 
-void IORTU::setExposureTime(unsigned us) const
+void IORTU::setExposureTime(unsigned us)
 {
     writeRegister(reg::exposureTime, us, "EXPOSURE_TIME");
 }
 unsigned IORTU::getExposureTime() const { return readRegister(reg::exposureTime, "EXPOSURE_TIME"); }
 
-void IORTU::setExposureProhibitedTime(unsigned us) const
+void IORTU::setExposureProhibitedTime(unsigned us)
 {
     writeRegister(reg::exposureProhibitedTime, us, "EXPOSURE_PROHIBITED_TIME");
 }
@@ -57,7 +57,7 @@ unsigned IORTU::getExposureProhibitedTime() const
     return readRegister(reg::exposureProhibitedTime, "EXPOSURE_PROHIBITED_TIME");
 }
 
-void IORTU::setExposureOffset(unsigned us) const
+void IORTU::setExposureOffset(unsigned us)
 {
     writeRegister(reg::exposureOffset, us, "EXPOSURE_OFFSET");
 }
@@ -66,10 +66,10 @@ unsigned IORTU::getExposureOffset() const
     return readRegister(reg::exposureOffset, "EXPOSURE_OFFSET");
 }
 
-void IORTU::setFPS(unsigned fps) const { writeRegister(reg::framesPerSecond, fps, "FPS"); }
+void IORTU::setFPS(unsigned fps) { writeRegister(reg::framesPerSecond, fps, "FPS"); }
 unsigned IORTU::getFPS() const { return readRegister(reg::framesPerSecond, "FPS"); }
 
-void IORTU::setAutoTrigger(IORTUTriggerMode mode) const
+void IORTU::setAutoTrigger(IORTUTriggerMode mode)
 {
     writeRegister(reg::triggerMode, static_cast<uint32_t>(mode), "TRIGGER_MODE");
 }
@@ -78,9 +78,9 @@ IORTUTriggerMode IORTU::getAutoTrigger() const
     return static_cast<IORTUTriggerMode>(readRegister(reg::triggerMode, "TRIGGER_MODE"));
 }
 
-void IORTU::manualTrigger() const { writeRegister(reg::manualTrigger, 1, "MANUAL_TRIGGER"); }
+void IORTU::manualTrigger() { writeRegister(reg::manualTrigger, 1, "MANUAL_TRIGGER"); }
 
-void IORTU::enableAcquisition(bool enable) const
+void IORTU::enableAcquisition(bool enable)
 {
     writeRegister(reg::acquisitionEnable, enable, "ACQUISITION_ENABLE");
 }
@@ -89,7 +89,7 @@ bool IORTU::getAcquisitionEnabled() const
     return readRegister(reg::acquisitionEnable, "ACQUISITION_ENABLE") != 0;
 }
 
-void IORTU::setIOConfig(const rtu_pin_config_t& config) const
+void IORTU::setIOConfig(const rtu_pin_config_t& config)
 {
     for (size_t i = 0; i < rtu_pin_config_t::count; ++i) {
         const rtu_pin_param_t& entry = config.entries[i];
@@ -110,7 +110,7 @@ void IORTU::getIOConfig(rtu_pin_config_t& config) const
     }
 }
 
-void IORTU::setIOValue(unsigned pin, unsigned value) const
+void IORTU::setIOValue(unsigned pin, unsigned value)
 {
     checkPin(pin);
     uint32_t wire = htole32(value);
@@ -125,7 +125,7 @@ unsigned IORTU::getIOValue(unsigned pin) const
     return le32toh(wire);
 }
 
-void IORTU::setAnalogOutputState(bool enabled) const
+void IORTU::setAnalogOutputState(bool enabled)
 {
     writeRegister(reg::analogOutputState, enabled, "ANALOG_OUTPUT_STATE");
 }
@@ -134,7 +134,7 @@ bool IORTU::getAnalogOutputState() const
     return readRegister(reg::analogOutputState, "ANALOG_OUTPUT_STATE") != 0;
 }
 
-void IORTU::setAnalogOutputType(bool current) const
+void IORTU::setAnalogOutputType(bool current)
 {
     writeRegister(reg::analogOutputType, current, "ANALOG_OUTPUT_TYPE");
 }
@@ -143,7 +143,7 @@ bool IORTU::getAnalogOutputType() const
     return readRegister(reg::analogOutputType, "ANALOG_OUTPUT_TYPE") != 0;
 }
 
-void IORTU::setAnalogOutputVoltage(unsigned millivolts) const
+void IORTU::setAnalogOutputVoltage(unsigned millivolts)
 {
     writeRegister(reg::analogOutputVoltage, millivolts, "ANALOG_OUTPUT_VOLTAGE");
 }
@@ -152,7 +152,7 @@ unsigned IORTU::getAnalogOutputVoltage() const
     return readRegister(reg::analogOutputVoltage, "ANALOG_OUTPUT_VOLTAGE");
 }
 
-void IORTU::setAnalogOutputCurrent(unsigned microamperes) const
+void IORTU::setAnalogOutputCurrent(unsigned microamperes)
 {
     writeRegister(reg::analogOutputCurrent, microamperes, "ANALOG_OUTPUT_CURRENT");
 }
@@ -167,7 +167,7 @@ void IORTU::setStatusLED(unsigned pattern) const
 }
 unsigned IORTU::getStatusLED() const { return readRegister(reg::statusLed, "STATUS_LED"); }
 
-void IORTU::setDeviceState(IORTUState state) const
+void IORTU::setDeviceState(IORTUState state)
 {
     writeRegister(reg::deviceState, static_cast<uint32_t>(state), "DEVICE_STATE");
 }
@@ -176,7 +176,7 @@ IORTUState IORTU::getDeviceState() const
     return static_cast<IORTUState>(readRegister(reg::deviceState, "DEVICE_STATE"));
 }
 
-void IORTU::setImageSensor(IORTUCameraMode mode) const
+void IORTU::setImageSensor(IORTUCameraMode mode)
 {
     writeRegister(reg::imageSensor, static_cast<uint32_t>(mode), "IMAGE_SENSOR");
 }
@@ -185,7 +185,7 @@ IORTUCameraMode IORTU::getImageSensor() const
     return static_cast<IORTUCameraMode>(readRegister(reg::imageSensor, "IMAGE_SENSOR"));
 }
 
-void IORTU::triggerHeartbeat() const { writeRegister(reg::heartbeat, 1, "HEARTBEAT"); }
+void IORTU::triggerHeartbeat() { writeRegister(reg::heartbeat, 1, "HEARTBEAT"); }
 unsigned IORTU::getHeartbeatCount() const { return readRegister(reg::heartbeat, "HEARTBEAT"); }
 
 float IORTU::getInternalTemperature() const

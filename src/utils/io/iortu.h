@@ -80,49 +80,49 @@ public:
     uint32_t getState() const;
     IORTURevision getRevision() const;
 
-    void setExposureTime(unsigned microseconds) const;
+    void setExposureTime(unsigned microseconds);
     unsigned getExposureTime() const;
-    void setExposureProhibitedTime(unsigned microseconds) const;
+    void setExposureProhibitedTime(unsigned microseconds);
     unsigned getExposureProhibitedTime() const;
     // A signed offset carried in 32 bits.
-    void setExposureOffset(unsigned microseconds) const;
+    void setExposureOffset(unsigned microseconds);
     unsigned getExposureOffset() const;
 
     // Frames per second in continuous mode; 0 runs the sensor as fast as it can.
-    void setFPS(unsigned fps) const;
+    void setFPS(unsigned fps);
     unsigned getFPS() const;
-    void setAutoTrigger(IORTUTriggerMode mode) const;
+    void setAutoTrigger(IORTUTriggerMode mode);
     IORTUTriggerMode getAutoTrigger() const;
-    void manualTrigger() const;
-    void enableAcquisition(bool enable) const;
+    void manualTrigger();
+    void enableAcquisition(bool enable);
     bool getAcquisitionEnabled() const;
 
     // Each parameter is written to the pin it names.
-    void setIOConfig(const rtu_pin_config_t& config) const;
+    void setIOConfig(const rtu_pin_config_t& config);
     // Reads each parameter of the pin it names.
     void getIOConfig(rtu_pin_config_t& config) const;
-    void setIOValue(unsigned pin, unsigned value) const;
+    void setIOValue(unsigned pin, unsigned value);
     unsigned getIOValue(unsigned pin) const;
 
-    void setAnalogOutputState(bool enabled) const;
+    void setAnalogOutputState(bool enabled);
     bool getAnalogOutputState() const;
     // true: current output, false: voltage output.
-    void setAnalogOutputType(bool current) const;
+    void setAnalogOutputType(bool current);
     bool getAnalogOutputType() const;
     // Millivolts and microamperes; the unit keeps 16 bits.
-    void setAnalogOutputVoltage(unsigned millivolts) const;
+    void setAnalogOutputVoltage(unsigned millivolts);
     unsigned getAnalogOutputVoltage() const;
-    void setAnalogOutputCurrent(unsigned microamperes) const;
+    void setAnalogOutputCurrent(unsigned microamperes);
     unsigned getAnalogOutputCurrent() const;
 
     void setStatusLED(unsigned pattern) const;
     unsigned getStatusLED() const;
-    void setDeviceState(IORTUState state) const;
+    void setDeviceState(IORTUState state);
     IORTUState getDeviceState() const;
-    void setImageSensor(IORTUCameraMode mode) const;
+    void setImageSensor(IORTUCameraMode mode);
     IORTUCameraMode getImageSensor() const;
 
-    void triggerHeartbeat() const;
+    void triggerHeartbeat();
     unsigned getHeartbeatCount() const;
     // Degrees Celsius.
     float getInternalTemperature() const;
