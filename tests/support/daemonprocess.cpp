@@ -2,7 +2,6 @@
 #include "support/bytes.h"
 #include "support/process.h"
 
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
@@ -99,13 +98,10 @@ void DaemonProcess::start(const std::vector<std::string>& launcher,
         throw std::runtime_error("cannot bind the syslog sink " + socketPath_);
     int size = 4 << 20;
     ::setsockopt(sink_, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
-    std::vector<std::string> arguments = launcher;
-    for (const auto& a : testLauncher())
-        arguments.push_back(a);
-    for (const auto& a : std::vector<std::string>{K52APP_BINARY, "-c", config_.path()})
-        arguments.push_back(a);
+    std::vector<std::string> arguments = launcher, emulator = testLauncher();
+    arguments.insert(arguments.end(), emulator.begin(), emulator.end());
+    arguments.insert(arguments.end(), {K52APP_BINARY, "-c", config_.path()});
     arguments.insert(arguments.end(), extraArguments.begin(), extraArguments.end());
-    std::string errorPath = config_.dir().file("stderr.txt");
     std::vector<std::string> environment = {
         std::string("LD_PRELOAD=") + K52_SYSLOG_SHIM,
         "K52TEST_SYSLOG_SOCKET=" + socketPath_,
@@ -119,26 +115,9 @@ void DaemonProcess::start(const std::vector<std::string>& launcher,
         if (!ours)
             environment.push_back(entry);
     }
-    std::vector<char*> argv, envp;
-    for (auto& a : arguments)
-        argv.push_back(a.data());
-    argv.push_back(nullptr);
-    for (auto& e : environment)
-        envp.push_back(e.data());
-    envp.push_back(nullptr);
-
-    // Only async-signal-safe calls between fork and exec.
-    pid_ = ::fork();
-    if (pid_ == 0) {
-        int err = ::open(errorPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        ::dup2(err, STDERR_FILENO);
-        // Run from the source tree, as a developer does, so relative paths of the
-        // configuration resolve.
-        if (::chdir(K52_SOURCE_DIR) != 0)
-            ::_exit(126);
-        ::execve(argv[0], argv.data(), envp.data());
-        ::_exit(127);
-    }
+    // Run from the source tree, as a developer does, so relative paths of the configuration
+    // resolve.
+    pid_ = spawn(arguments, environment, "", config_.dir().file("stderr.txt"), K52_SOURCE_DIR);
     collector_ = std::thread([this] { collect(); });
     auto deadline = Clock::now() + std::chrono::seconds(20);
     while (!acceptsConnections(controlPort_)) {

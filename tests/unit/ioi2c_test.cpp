@@ -1,3 +1,4 @@
+#include "support/board.h"
 #include "support/throws.h"
 #include "utils/base/exceptions.h"
 #include "utils/io/filedescriptor.h"
@@ -44,13 +45,10 @@ class I2CTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        board = std::make_shared<EmulatedBoard>();
         attachI2CBuses(*board);
-        utils::platform::installKernel(board);
     }
-    void TearDown() override { utils::platform::installKernel(nullptr); }
 
-    std::shared_ptr<EmulatedBoard> board;
+    k52test::InstalledBoard board;
 };
 
 // Raw I2C_SMBUS records as any i2c-dev client builds them, against the EEPROM (0x50) of

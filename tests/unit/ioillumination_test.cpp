@@ -1,3 +1,4 @@
+#include "support/board.h"
 #include "support/throws.h"
 #include "utils/base/exceptions.h"
 #include "utils/io/ioautofocus.h"
@@ -27,18 +28,10 @@ class ModuleTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        board_ = std::make_shared<EmulatedBoard>();
         attachIllumination(*board_);
         attachAutoFocus(*board_);
-        installKernel(board_);
         illumination_.open();
         autofocus_.open();
-    }
-    void TearDown() override
-    {
-        illumination_.close(); // through the board, before it goes
-        autofocus_.close();
-        installKernel(nullptr);
     }
 
     // A register as another process sees it: four little-endian bytes at its address.
@@ -51,7 +44,7 @@ protected:
         return {request.data[0], request.data[1], request.data[2], request.data[3]};
     }
 
-    std::shared_ptr<EmulatedBoard> board_;
+    k52test::InstalledBoard board_; // first: the devices close through it
     IOIllumination illumination_{illuminationPath};
     IOAutoFocus autofocus_{autofocusPath};
 };

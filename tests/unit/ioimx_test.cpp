@@ -1,3 +1,4 @@
+#include "support/board.h"
 #include "support/throws.h"
 #include "utils/base/exceptions.h"
 #include "utils/io/ioimx.h"
@@ -20,18 +21,11 @@ class IMXTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        board = std::make_shared<EmulatedBoard>();
         attachIMX(*board);
-        utils::platform::installKernel(board);
         imx.emplace("/dev/imx0", O_RDWR);
     }
-    void TearDown() override
-    {
-        imx.reset();
-        utils::platform::installKernel(nullptr);
-    }
 
-    std::shared_ptr<EmulatedBoard> board;
+    k52test::InstalledBoard board; // first: the devices close through it
     std::optional<IOIMX> imx;
 };
 

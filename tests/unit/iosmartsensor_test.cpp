@@ -1,5 +1,6 @@
 #include "support/bytes.h"
 #include "support/tempdir.h"
+#include "support/board.h"
 #include "support/throws.h"
 #include "utils/base/exceptions.h"
 #include "utils/io/iosmartsensor.h"
@@ -36,11 +37,8 @@ class SmartSensorTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        board_ = std::make_shared<EmulatedBoard>();
         attachSmartSensor(*board_);
-        installKernel(board_);
     }
-    void TearDown() override { installKernel(nullptr); }
 
     IOSmartSensor makeSensor(uint8_t address = 40)
     {
@@ -63,7 +61,7 @@ protected:
         return bytes;
     }
 
-    std::shared_ptr<EmulatedBoard> board_;
+    k52test::InstalledBoard board_;
     std::vector<std::string> messages_;
     k52test::TempDir dir_{"k52smartsensor"};
 };
