@@ -1,17 +1,15 @@
 #include "support/routerharness.h"
-#include "utils/base/exceptions.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <map>
+#include <mutex>
 #include <regex>
-#include <sstream>
-#include <thread>
+#include <vector>
 
 namespace {
 
-using k52test::Exchange;
 using k52test::expectExchanges;
 
 using testing::HasSubstr;
@@ -19,35 +17,14 @@ using utils::platform::emulated::Fault;
 
 constexpr const char* tofPath = "/dev/k52tof";
 
-// A 4-wide right-aligned distance and a tab, `side` times per row, each row closed by
-// "\t.:.\t", the line closed by "\t\t".
-std::regex matrixPattern(int side)
-{
-    const std::string field = "(?: {3}[0-9]| {2}[0-9]{2}| [0-9]{3}|[0-9]{4})\\t";
-    const std::string row = "(?:" + field + "){" + std::to_string(side) + "}\\t\\.:\\.\\t";
-    return std::regex("^(?:" + row + "){" + std::to_string(side) + "}\\t\\t$");
-}
-
-std::vector<int> matrixDistances(const std::string& matrix)
-{
-    std::istringstream words(matrix);
-    std::vector<int> distances;
-    for (std::string word; words >> word;)
-        if (word != ".:.")
-            distances.push_back(std::stoi(word));
-    return distances;
-}
-
 TEST(ToFRoutes, RepliesAndStateAcrossSettings)
 {
     k52test::RouterHarness h;
+    const char* asleep = "ToF '/dev/k52tof' is asleep: set the power mode to WAKEUP.";
     expectExchanges(h, {
         {"ToFGetStatus", "OK", "ToF is enabled"},
-        {"ToFGetResolution", "OK", "Resolution: 4x4"},
-        {"ToFGetFrequency", "OK", "Frequency: 15"},
         {"ToFGetPowerMode", "OK", "Power mode: WAKEUP"},
         {"ToFGetRangingMode", "OK", "Ranging mode: CONTINUOUS"},
-        {"ToFGetIntegrationTime", "OK", "Integration time: 5000 microseconds"},
         // Calibration settings the sensor cannot report start from their documented values.
         {"ToFGetReflectance", "OK", "Reflectance: 50"},
         {"ToFGetNumberOfSamples", "OK", "Number of samples: 10"},
@@ -58,9 +35,8 @@ TEST(ToFRoutes, RepliesAndStateAcrossSettings)
         {"ToFGetFrequency", "OK", "Frequency: 60"},
         {"ToFSetFrequency 61", "Error", "Frequency out of range for 4x4 resolution"},
         {"ToFSetFrequency -5", "Error", "Frequency out of range for 4x4 resolution"},
-        {"ToFSetResolution 3", "OK", "Resolution set successfully to 8x8"},
+        {"ToFSetResolution 3", "OK", "Resolution set successfully to 8x8"}, // any index but 0
         {"ToFGetResolution", "OK", "Resolution: 8x8"},
-        {"ToFGetFrequency", "OK", "Frequency: 15"},
         {"ToFSetFrequency 16", "Error", "Frequency out of range for 8x8 resolution"},
         {"ToFSetFrequency 15", "OK", "Frequency set successfully"},
         {"ToFSetResolution", "OK", "Resolution set successfully to 4x4"}, // default 0
@@ -70,12 +46,8 @@ TEST(ToFRoutes, RepliesAndStateAcrossSettings)
         {"ToFSetRangingMode 3", "OK", "Ranging mode set successfully to AUTONOMOUS"},
         {"ToFGetRangingMode", "OK", "Ranging mode: AUTONOMOUS"},
         {"ToFSetRangingMode 2", "Error", nullptr}, // the sensor knows no mode 2
-        {"ToFGetRangingMode", "OK", "Ranging mode: AUTONOMOUS"},
-        {"ToFSetRangingMode 1", "OK", "Ranging mode set successfully to CONTINUOUS"},
-
         {"ToFSetIntegrationTime 2500", "OK", "Integration time set successfully to 2500 microseconds"},
         {"ToFGetIntegrationTime", "OK", "Integration time: 2500 microseconds"},
-        {"ToFSetIntegrationTime 1000001", "Error", nullptr},
 
         // A refused calibration value is not remembered.
         {"ToFSetReflectance 70", "OK", "Reflectance set successfully to 70"},
@@ -90,34 +62,19 @@ TEST(ToFRoutes, RepliesAndStateAcrossSettings)
 
         {"ToFSetPowerMode 0", "OK", "Power mode set successfully"},
         {"ToFGetPowerMode", "OK", "Power mode: SLEEP"},
-        {"ToFGetDistanceMatrix", "Error", "ToF '/dev/k52tof' is asleep: set the power mode to WAKEUP."},
-        {"ToFPerformXTalkCalibration", "Error", "ToF '/dev/k52tof' is asleep: set the power mode to WAKEUP."},
+        {"ToFGetDistanceMatrix", "Error", asleep},
+        {"ToFPerformXTalkCalibration", "Error", asleep},
         {"ToFSetPowerMode 1", "OK", "Power mode set successfully"},
-        {"ToFGetPowerMode", "OK", "Power mode: WAKEUP"},
         {"ToFPerformXTalkCalibration", "OK", "Cross-talk calibration performed successfully"},
 
-        // Extra words are ignored.
-        {"ToFGetStatus now please", "OK", "ToF is enabled"},
-        {"ToFSetFrequency 10 20", "OK", "Frequency set successfully"},
-    });
-}
-
-TEST(ToFRoutes, ArgumentsThatDoNotParse)
-{
-    k52test::RouterHarness h;
-    // Words that are no number never reach the handler.
-    for (const char* command : {"ToFSetFrequency ten", "ToFSetResolution 1.5", "ToFSetReflectance 0x10"}) {
-        SCOPED_TRACE(command);
-        EXPECT_THROW(h.run(command), utils::UtilsRuntimeError);
-    }
-    // Numbers beyond the parser's range become the parser's own error text.
-    expectExchanges(h, {
+        // Numbers beyond the parser's range become the parser's own error text.
         {"ToFSetFrequency 99999999999", "Error", "stoi"},
-        {"ToFSetResolution -99999999999", "Error", "stoi"},
         {"ToFSetObjectDistance 999999999999999999999", "Error", "stoul"},
     });
 }
 
+// One line: each distance right-aligned in four columns and a tab, every row closed by
+// "\t.:.\t", the whole closed by "\t\t".
 TEST(ToFRoutes, DistanceMatrixShapeFollowsResolution)
 {
     k52test::RouterHarness h;
@@ -126,15 +83,10 @@ TEST(ToFRoutes, DistanceMatrixShapeFollowsResolution)
         ASSERT_EQ(h.run(resolution).first, "OK");
         auto [status, matrix] = h.run("ToFGetDistanceMatrix");
         ASSERT_EQ(status, "OK") << matrix;
-        EXPECT_TRUE(std::regex_match(matrix, matrixPattern(side))) << "'" << matrix << "'";
-        EXPECT_EQ(matrix.find('\n'), std::string::npos) << "one line";
-        auto distances = matrixDistances(matrix);
-        ASSERT_EQ(distances.size(), static_cast<size_t>(side * side));
-        // The emulated room: nothing nearer than the box, nothing beyond the wall.
-        for (int d : distances) {
-            EXPECT_GE(d, 200);
-            EXPECT_LE(d, 2200);
-        }
+        const std::string field = "(?: {3}[0-9]| {2}[0-9]{2}| [0-9]{3}|[0-9]{4})\\t";
+        const std::string row = "(?:" + field + "){" + std::to_string(side) + "}\\t\\.:\\.\\t";
+        EXPECT_TRUE(std::regex_match(matrix, std::regex("(?:" + row + "){" + std::to_string(side) + "}\\t\\t")))
+            << "'" << matrix << "'";
     }
 }
 
@@ -142,7 +94,7 @@ TEST(ToFRoutes, DeviceErrorsBecomeErrorWithTheirText)
 {
     k52test::RouterHarness h;
     h.board().faults().inject(tofPath, Fault::ioError);
-    // What lives beside the sensor still answers; everything else reaches the device.
+    // What the driver keeps beside the sensor still answers; everything else reaches it.
     const std::map<std::string, std::string> unaffected = {
         {"ToFGetStatus", "ToF is enabled"},
         {"ToFGetReflectance", "Reflectance: 50"},
@@ -164,44 +116,29 @@ TEST(ToFRoutes, DeviceErrorsBecomeErrorWithTheirText)
             EXPECT_THAT(message, HasSubstr(tofPath)) << "device errors name the sensor";
         }
     }
-    h.board().faults().clear(tofPath);
-    expectExchanges(h, {{"ToFGetResolution", "OK", "Resolution: 4x4"}});
 }
 
 TEST(ToFRoutes, SensorThatDidNotComeUpAnswersErrorEverywhere)
 {
     k52test::RouterHarness h(k52test::EmulatedConfig::Overrides{{"emulated-fault-open", tofPath}});
-    const std::string dead = "ToF '/dev/k52tof' is not initialized.";
     int tofRoutes = 0;
     for (const auto& [name, route] : h.router->routes()) {
         if (name.rfind("ToF", 0) != 0)
             continue;
         ++tofRoutes;
-        SCOPED_TRACE(name);
-        auto [status, message] = h.run(name);
-        EXPECT_EQ(status, "Error");
-        EXPECT_EQ(message, dead);
+        expectExchanges(h, {{name.c_str(), "Error", "ToF '/dev/k52tof' is not initialized."}});
     }
     EXPECT_EQ(tofRoutes, 20);
 }
 
-TEST(ToFRoutes, RunConcurrentlyWithoutAGroupLock)
+// The sensor serialises its own access: holding every group must not stop the routes.
+TEST(ToFRoutes, TakeNoGroupLock)
 {
     k52test::RouterHarness h;
-    // The routes take no group mutex: holding every group must not stop them.
     std::vector<std::unique_lock<std::mutex>> held;
     for (uint32_t group = 0; group < 14; ++group)
         held.emplace_back(h.resources->getMutex(static_cast<k52app::K52ResourceGroups>(group)));
-
-    std::thread measuring([&] {
-        for (int i = 0; i < 3; ++i)
-            EXPECT_EQ(h.run("ToFGetDistanceMatrix").first, "OK");
-    });
-    for (int i = 1; i <= 50; ++i) {
-        EXPECT_EQ(h.run("ToFSetReflectance " + std::to_string(i)).first, "OK");
-        EXPECT_EQ(h.run("ToFGetReflectance").second, "Reflectance: " + std::to_string(i));
-    }
-    measuring.join();
+    expectExchanges(h, {{"ToFSetReflectance 7", "OK", nullptr}, {"ToFGetDistanceMatrix", "OK", nullptr}});
 }
 
 } // namespace
