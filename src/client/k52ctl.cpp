@@ -292,6 +292,45 @@ private:
     double bytes_ = 0;
 };
 
+const k52client::Milliseconds streamPatience(5000);
+
+// Receives one frame, counts it and saves it when the plan asks for it.
+void receiveFrame(k52client::FrameStream& stream, const StreamPlan& plan, StreamMeter& meter)
+{
+    const k52client::Frame& frame = stream.next(streamPatience);
+    const uint64_t index = meter.total();
+    meter.add(frame);
+    if (!plan.saves(index))
+        return;
+    auto [image, extension] = frameImage(frame);
+    char name[32];
+    std::snprintf(name, sizeof name, "/frame-%06llu", static_cast<unsigned long long>(index));
+    utils::ImageSerializer::write(plan.directory + name + extension, image);
+}
+
+// Prints the next notice; the stream's own answer comes when its loop has ended, for good or
+// not, and gives the exit status.
+std::optional<int> readStreamNotice(k52client::ControlClient& client)
+{
+    const k52client::Notice notice = client.readNotice(streamPatience);
+    printNotice(notice);
+    if (notice.isAcknowledgement() && notice.reply().rfind("CaptureStreamStop: ", 0) != 0)
+        return notice.status() == "OK" ? 0 : 2;
+    return std::nullopt;
+}
+
+// Leaving the control socket ends the stream. The stream socket is left only once the daemon
+// has stopped sending: closing it mid-frame ends the stream in an error that the next control
+// client is told about.
+void leaveStream(std::optional<k52client::ControlClient>& client, k52client::FrameStream& stream,
+                 const StreamPlan& plan, StreamMeter& meter)
+{
+    client.reset();
+    for (pollfd p{stream.connection().descriptor(), POLLIN, 0}; ::poll(&p, 1, 500) == 1;)
+        receiveFrame(stream, plan, meter);
+    std::cerr << "stream stopped by leaving the control socket" << std::endl;
+}
+
 int streamFrames(const Options& options)
 {
     const StreamPlan plan = streamPlan(options.words);
@@ -302,22 +341,10 @@ int streamFrames(const Options& options)
     std::cerr << "streaming " << plan.fourcc << " at resolution index " << plan.resolutionIndex
               << " (Ctrl-C to stop)" << std::endl;
 
-    const k52client::Milliseconds patience(5000);
     // How long a stop request may take: with one worker in the daemon the stream holds it, so
     // the stop waits in the queue and only leaving the control socket ends the stream.
     const auto stopGrace = std::chrono::seconds(1);
     StreamMeter meter;
-    auto receive = [&] {
-        const k52client::Frame& frame = stream.next(patience);
-        const uint64_t index = meter.total();
-        meter.add(frame);
-        if (plan.saves(index)) {
-            auto [image, extension] = frameImage(frame);
-            char name[32];
-            std::snprintf(name, sizeof name, "/frame-%06llu", static_cast<unsigned long long>(index));
-            utils::ImageSerializer::write(plan.directory + name + extension, image);
-        }
-    };
     std::optional<StreamMeter::Clock::time_point> stopSent;
     int status = 0;
     for (;;) {
@@ -326,12 +353,7 @@ int streamFrames(const Options& options)
             stopSent = StreamMeter::Clock::now();
         }
         if (stopSent && StreamMeter::Clock::now() - *stopSent > stopGrace) {
-            client.reset();
-            // Leave the stream socket only once the daemon has stopped sending: closing it
-            // mid-frame ends the stream in an error that the next control client is told about.
-            for (pollfd p{stream.connection().descriptor(), POLLIN, 0}; ::poll(&p, 1, 500) == 1;)
-                receive();
-            std::cerr << "stream stopped by leaving the control socket" << std::endl;
+            leaveStream(client, stream, plan, meter);
             break;
         }
         pollfd ready[2] = {{stream.connection().descriptor(), POLLIN, 0},
@@ -341,13 +363,10 @@ int streamFrames(const Options& options)
         // Frames keep coming until the daemon has seen the stop; reading them keeps its sends
         // from stalling.
         if (ready[0].revents)
-            receive();
+            receiveFrame(stream, plan, meter);
         if (ready[1].revents) {
-            const k52client::Notice notice = client->readNotice(patience);
-            printNotice(notice);
-            // The stream's own answer comes when its loop has ended, for good or not.
-            if (notice.isAcknowledgement() && notice.reply().rfind("CaptureStreamStop: ", 0) != 0) {
-                status = notice.status() == "OK" ? 0 : 2;
+            if (const auto ended = readStreamNotice(*client)) {
+                status = *ended;
                 break;
             }
         }
