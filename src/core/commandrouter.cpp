@@ -53,12 +53,6 @@ void K52CommandRouter::registerK52Commands()
     K52_LOG(info) << "Registered K52 Routes.";
 }
 
-void K52CommandRouter::registerRoutes(const std::vector<RouteEntry>& family)
-{
-    for (const auto& route : family)
-        registerRoute(route.name, route.description, route.metadata, route.handler);
-}
-
 void K52CommandRouter::registerRoute(const std::string& name, const std::string& description,
                                      const utils::SpinnerMetaData& metadata,
                                      const RouteHandler& handler)
@@ -99,37 +93,6 @@ void K52CommandRouter::toXml(tinyxml2::XMLElement* parent, tinyxml2::XMLDocument
         }
         parent->InsertEndChild(element);
     }
-}
-
-// Bridges for families still registering through members.
-std::vector<Route> containerRoutes(const RouteServices& services)
-{
-    services.router.registerContainerCommands();
-    return {};
-}
-
-std::vector<Route> staticFrameRoutes(const RouteServices& services)
-{
-    services.router.registerStaticFrameCommands();
-    return {};
-}
-
-std::vector<Route> cpuInfoRoutes(const RouteServices& services)
-{
-    services.router.registerCpuInfoCommands();
-    return {};
-}
-
-std::vector<Route> gpioRoutes(const RouteServices& services)
-{
-    services.router.registerGPIOCommands();
-    return {};
-}
-
-std::vector<Route> captureRoutes(const RouteServices& services)
-{
-    services.router.registerCaptureCommands();
-    return {};
 }
 
 } // namespace k52app

@@ -24,20 +24,6 @@ public:
     // Registers every family in its fixed order.
     void registerK52Commands();
 
-    // Families not yet written as tables, reached from their table functions meanwhile.
-    void registerContainerCommands();
-    void registerStaticFrameCommands();
-    void registerRTUCommands();
-    void registerAutoFocusCommands();
-    void registerIlluminationCommands();
-    void registerI2CCommands();
-    void registerI2CRTUCommands();
-    void registerSmartSensorCommands();
-    void registerToFCommands();
-    void registerCpuInfoCommands();
-    void registerGPIOCommands();
-    void registerCaptureCommands();
-
     void registerRoute(const std::string& name, const std::string& description,
                        const utils::SpinnerMetaData& metadata, const RouteHandler& handler);
 
@@ -45,15 +31,6 @@ public:
     void toXml(tinyxml2::XMLElement* parent, tinyxml2::XMLDocument* document) const;
 
 private:
-    // One row of a family's table.
-    struct RouteEntry {
-        std::string name;
-        std::string description;
-        utils::SpinnerMetaData metadata;
-        RouteHandler handler;
-    };
-    void registerRoutes(const std::vector<RouteEntry>& family);
-
     K52ResourceManager& resources_;
     Capture& capture_;
     AckReport& ackReport_;

@@ -61,10 +61,7 @@ private:
 } // namespace
 
 Core::Core(const ConfigParser& config, unsigned hardwareConcurrency)
-    : resources_(config),
-      capture_(resources_),
-      ackReport_(resources_),
-      router_(resources_, capture_, ackReport_),
+    : components_(config),
       running(true),
       threadCount_(hardwareConcurrency < 5 ? minimumThreads : hardwareConcurrency)
 {

@@ -17,6 +17,21 @@ namespace k52app {
 
 class ConfigParser;
 
+// The components every route runs against, built in the order they depend on each other and
+// released in reverse. Routes are registered by whoever owns them, once its own start-up is
+// logged.
+struct CoreComponents {
+    explicit CoreComponents(const ConfigParser& config)
+        : resources(config), capture(resources), ackReport(resources), router(resources, capture, ackReport)
+    {
+    }
+
+    K52ResourceManager resources;
+    Capture capture;
+    AckReport ackReport;
+    K52CommandRouter router;
+};
+
 // Owns every long-lived component and the daemon's threads: the control and stream channels,
 // the spinner workers, and (on the thread that calls run()) the RTU heartbeat.
 class Core {
@@ -69,10 +84,11 @@ private:
     void heartbeat(bool& failed);
     void joinWorkers();
 
-    K52ResourceManager resources_;
-    Capture capture_;
-    AckReport ackReport_;
-    K52CommandRouter router_;
+    CoreComponents components_;
+    K52ResourceManager& resources_ = components_.resources;
+    Capture& capture_ = components_.capture;
+    AckReport& ackReport_ = components_.ackReport;
+    K52CommandRouter& router_ = components_.router;
     utils::SpinnerPool spinnerPool_;
     std::vector<std::thread> workers;
     std::atomic<bool> running;

@@ -14,19 +14,17 @@ RouterHarness::RouterHarness(const EmulatedConfig::Overrides& overrides) : confi
     board_ = std::dynamic_pointer_cast<utils::platform::emulated::EmulatedBoard>(
         utils::platform::installKernel(nullptr));
     utils::platform::installKernel(board_);
-    resources = std::make_unique<k52app::K52ResourceManager>(*parser);
-    capture = std::make_unique<k52app::Capture>(*resources);
-    ackReport = std::make_unique<k52app::AckReport>(*resources);
-    router = std::make_unique<k52app::K52CommandRouter>(*resources, *capture, *ackReport);
+    components_ = std::make_unique<k52app::CoreComponents>(*parser);
+    resources = &components_->resources;
+    capture = &components_->capture;
+    ackReport = &components_->ackReport;
+    router = &components_->router;
     router->registerK52Commands();
 }
 
 RouterHarness::~RouterHarness()
 {
-    router.reset();
-    ackReport.reset();
-    capture.reset();
-    resources.reset();
+    components_.reset();
     utils::platform::installKernel(nullptr);
 }
 

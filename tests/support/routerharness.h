@@ -1,9 +1,6 @@
 #pragma once
 
-#include "core/commandrouter.h"
-#include "core/k52resourcemanager.h"
-#include "core/middleware/ackreport.h"
-#include "core/middleware/capture.h"
+#include "core/core.h"
 #include "k52app/configparser.h"
 #include "support/emulatedconfig.h"
 #include "utils/platform/emulated/board.h"
@@ -36,13 +33,17 @@ public:
 
     EmulatedConfig config;
     std::unique_ptr<k52app::ConfigParser> parser;
-    std::unique_ptr<k52app::K52ResourceManager> resources;
-    std::unique_ptr<k52app::Capture> capture;
-    std::unique_ptr<k52app::AckReport> ackReport;
-    std::unique_ptr<k52app::K52CommandRouter> router;
 
 private:
     std::shared_ptr<utils::platform::emulated::EmulatedBoard> board_;
+    std::unique_ptr<k52app::CoreComponents> components_;
+
+public:
+    // The daemon's own components, wired as its core wires them.
+    k52app::K52ResourceManager* resources = nullptr;
+    k52app::Capture* capture = nullptr;
+    k52app::AckReport* ackReport = nullptr;
+    k52app::K52CommandRouter* router = nullptr;
 };
 
 // Runs each command in turn on `h` and checks its reply.

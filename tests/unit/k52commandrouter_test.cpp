@@ -161,23 +161,6 @@ TEST(K52CommandRouter, ToXmlListsRoutesInByteOrderWithRepeatedParameters)
     EXPECT_FALSE(child(bare, "parameter"));
 }
 
-TEST(K52CommandRouter, ReplyConventionMapsOnlyDeviceErrors)
-{
-    k52app::RouteReplyBuilder reply("Error", "Route: ");
-    auto io = reply.guard([]() -> k52app::RouteReply { throw utils::IOError("T"); });
-    EXPECT_EQ(io.first, "ErrorIOException");
-    EXPECT_EQ(io.second, "Route: T");
-    auto runtime = reply.guard([]() -> k52app::RouteReply { throw utils::UtilsRuntimeError("R"); });
-    EXPECT_EQ(runtime.first, "ErrorRuntimeError");
-    EXPECT_EQ(runtime.second, "Route: R");
-    k52app::RouteReplyBuilder ok("OK", "Illum: ");
-    EXPECT_EQ(ok.guard([]() -> k52app::RouteReply { throw utils::IOError("x"); }).first, "OKIOException");
-    EXPECT_THROW(reply.guard([]() -> k52app::RouteReply { throw utils::UtilsOutOfRangeError("o"); }),
-                 utils::UtilsOutOfRangeError);
-    EXPECT_THROW(reply.guard([]() -> k52app::RouteReply { throw std::out_of_range("at"); }), std::out_of_range);
-    EXPECT_EQ(reply.guard([&] { return reply.ok("done"); }).second, "Route: done");
-}
-
 TEST(K52CommandRouter, PixelFormatNumbersFollowTheFourcc)
 {
     auto fourcc = [](const char* c) {

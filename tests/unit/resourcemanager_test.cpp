@@ -19,7 +19,6 @@
 #include <fstream>
 #include <iterator>
 
-using k52app::K52ResourceGroups;
 using k52app::K52ResourceManager;
 using k52test::EmulatedConfig;
 
@@ -241,17 +240,6 @@ TEST(ResourceManager, PortIsTruncatedToSixteenBits)
     Daemon daemon({{"socket-ctrl", std::to_string(port + 65536)}});
     K52ResourceManager resources(*daemon.parser);
     EXPECT_EQ(resources.controlSocket().localPort(), port);
-}
-
-TEST(ResourceManager, GroupMutexes)
-{
-    Daemon daemon;
-    K52ResourceManager resources(*daemon.parser);
-    EXPECT_NO_THROW(resources.getMutex(K52ResourceGroups::XML_CONTAINER));
-    EXPECT_NO_THROW(resources.getMutex(K52ResourceGroups::SPARE_13));
-    EXPECT_NE(&resources.getMutex(K52ResourceGroups::RTU), &resources.getMutex(K52ResourceGroups::IMX));
-    EXPECT_THAT([&] { resources.getMutex(static_cast<K52ResourceGroups>(14)); },
-                testing::ThrowsMessage<utils::UtilsRuntimeError>("K52ResourceManager: No such resource group: 14"));
 }
 
 } // namespace

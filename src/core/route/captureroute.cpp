@@ -1,4 +1,4 @@
-#include "core/commandrouter.h"
+#include "core/route/families.h"
 
 #include "core/middleware/ackreport.h"
 #include "core/middleware/capture.h"
@@ -6,6 +6,7 @@
 #include "utils/base/strings.h"
 
 #include <cstdio>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -13,17 +14,8 @@ namespace k52app {
 
 namespace {
 
-using Arguments = std::vector<std::string>;
-
 // The fixed place where the board installation puts the image kernels.
 constexpr const char* kernelFile = "/opt/corvane/k52app/etc/opencl/image_processing.cl";
-
-utils::SpinnerArgumentMetaData numericArgument(std::string name, std::string description,
-                                               std::string defaultValue = "", int64_t count = 1)
-{
-    return {std::move(name), std::move(description), utils::SpinnerArgumentType::numerical,
-            std::monostate{}, utils::isNumericalString, std::move(defaultValue), count};
-}
 
 bool isStreamableFourcc(const std::string& text) { return text == "RGB3" || text == "GREY"; }
 
@@ -38,37 +30,6 @@ uint32_t fourccCode(const std::string& text)
 
 const char* stateWord(bool on) { return on ? "enable" : "disable"; }
 
-// The capture routes convert only the library's runtime errors; the stream's other failures
-// (a refused second stream, a vanished client, a bad argument) go to the worker's report.
-RouteReply convertRuntimeErrors(const RouteReplyBuilder& reply,
-                                const std::function<RouteReply()>& body)
-{
-    try {
-        return body();
-    } catch (const utils::UtilsRuntimeError& e) {
-        return reply.answer(reply.status() + "RuntimeError", e.what());
-    }
-}
-
-// A Set route for an on/off setting: non-zero sets it; the reply names the new state.
-RouteHandler flagSetter(std::string prefix, std::function<void(bool)> set)
-{
-    return [reply = RouteReplyBuilder("Error", std::move(prefix)),
-            set = std::move(set)](const Arguments& arguments) {
-        return convertRuntimeErrors(reply, [&] {
-            const bool on = std::stoi(arguments.at(0)) != 0;
-            set(on);
-            return reply.ok(stateWord(on));
-        });
-    };
-}
-
-RouteHandler flagGetter(std::string prefix, std::function<bool()> get)
-{
-    return [reply = RouteReplyBuilder("Error", std::move(prefix)),
-            get = std::move(get)](const Arguments&) { return reply.ok(stateWord(get())); };
-}
-
 std::string benchmarkNotice(float framesPerSecond)
 {
     char rate[64];
@@ -76,94 +37,102 @@ std::string benchmarkNotice(float framesPerSecond)
     return std::string("Benchmark = '") + rate + "' FPS";
 }
 
+// The capture routes convert only the library's runtime errors; the stream's other failures
+// (a refused second stream, a vanished client, a bad argument) go to the worker's report.
+Route captureRoute(std::string name, std::string help, std::vector<utils::SpinnerArgumentMetaData> arguments,
+              std::string prefix, Converts converts, std::function<RouteReply(RouteCall&)> body)
+{
+    return {std::move(name), std::move(help), std::move(arguments), {}, std::move(prefix), "Error",
+            converts, {}, std::move(body)};
+}
+
+// A Set route for an on/off setting: non-zero sets it; the reply names the new state.
+std::function<RouteReply(RouteCall&)> flagSetter(std::function<void(bool)> set)
+{
+    return [set = std::move(set)](RouteCall& call) {
+        const bool on = call.i32(0) != 0;
+        set(on);
+        return call.ok(stateWord(on));
+    };
+}
+
+std::function<RouteReply(RouteCall&)> flagGetter(std::function<bool()> get)
+{
+    return [get = std::move(get)](RouteCall& call) { return call.ok(stateWord(get())); };
+}
+
 } // namespace
 
-void K52CommandRouter::registerCaptureCommands()
+std::vector<Route> captureRoutes(const RouteServices& services)
 {
-    Capture& capture = capture_;
-    AckReport& ackReport = ackReport_;
-    const utils::SpinnerArgumentMetaData mode = numericArgument(
-        "mode", "The captured frame paddings(0-disable 1-enable).");
+    Capture& capture = services.capture;
+    AckReport& ackReport = services.ackReport;
 
-    const RouteHandler streamStart = [&capture, &ackReport,
-                                      reply = RouteReplyBuilder("Error", "CaptureStart: ")](
-                                         const Arguments& arguments) {
-        return convertRuntimeErrors(reply, [&] {
-            const uint32_t fourcc = fourccCode(arguments.at(0));
-            const auto resolutionIndex = static_cast<uint32_t>(std::stoi(arguments.at(1)));
-            // Blocks for the whole stream; the rate goes to the control client meanwhile.
-            capture.streamStart(fourcc, resolutionIndex, [&ackReport](float framesPerSecond) {
-                ackReport.sendColoredMessage(AckReport::Blue, benchmarkNotice(framesPerSecond));
-            });
-            return reply.ok("Capture Stream finished.");
+    auto streamStart = [&capture, &ackReport](RouteCall& call) {
+        const uint32_t fourcc = fourccCode(call.text(0));
+        const auto resolutionIndex = call.u32(1);
+        // Blocks for the whole stream; the rate goes to the control client meanwhile.
+        capture.streamStart(fourcc, resolutionIndex, [&ackReport](float framesPerSecond) {
+            ackReport.sendColoredMessage(AckReport::Blue, benchmarkNotice(framesPerSecond));
         });
+        return call.ok("Capture Stream finished.");
     };
-
-    const RouteHandler streamStop = [&capture, reply = RouteReplyBuilder("Error", "CaptureStreamStop: ")](
-                                        const Arguments&) {
-        capture.streamStop();
-        return reply.ok("CaptureStreamStop stopped.");
+    auto acceleratedProcessing = [&capture](RouteCall& call) {
+        const int mode = call.i32(0);
+        if (mode == 0) {
+            capture.disableAcceleratorProccessing();
+            return call.ok("Accelerator disabled.");
+        }
+        const char* kernel = mode == 1 ? "processImage" : "sobelFilter";
+        const int32_t p1 = call.i32(1);
+        const int32_t p2 = call.i32(2);
+        const int32_t p3 = call.i32(3);
+        const int32_t p4 = call.i32(4);
+        capture.enableAcceleratorProccessing(kernelFile, kernel, p1, p2, p3, p4);
+        return call.ok("Accelerator enabled.");
     };
+    auto benchmarkPeriod = [&capture](RouteCall& call) {
+        const int32_t period = call.i32(0);
+        capture.setBenchmarkPeriod(period);
+        return call.ok(std::to_string(period) + " msec");
+    };
+    const auto mode = utils::numericalArgument("mode", "The captured frame paddings(0-disable 1-enable).");
+    const auto none = Converts::nothing;
+    const auto runtime = Converts::runtimeErrors;
 
-    const RouteHandler acceleratedProcessing =
-        [&capture, reply = RouteReplyBuilder("Error", "CaptureEnableAcceleratedProcessing: ")](
-            const Arguments& arguments) {
-            return convertRuntimeErrors(reply, [&] {
-                const int mode = std::stoi(arguments.at(0));
-                if (mode == 0) {
-                    capture.disableAcceleratorProccessing();
-                    return reply.ok("Accelerator disabled.");
-                }
-                const char* kernel = mode == 1 ? "processImage" : "sobelFilter";
-                const int32_t p1 = std::stoi(arguments.at(1));
-                const int32_t p2 = std::stoi(arguments.at(2));
-                const int32_t p3 = std::stoi(arguments.at(3));
-                const int32_t p4 = std::stoi(arguments.at(4));
-                capture.enableAcceleratorProccessing(kernelFile, kernel, p1, p2, p3, p4);
-                return reply.ok("Accelerator enabled.");
-            });
-        };
-
-    const RouteHandler benchmarkPeriod =
-        [&capture, reply = RouteReplyBuilder("Error", "SetCaptureBenchmarkPeriod: ")](
-            const Arguments& arguments) {
-            return convertRuntimeErrors(reply, [&] {
-                const int32_t period = std::stoi(arguments.at(0));
-                capture.setBenchmarkPeriod(period);
-                return reply.ok(std::to_string(period) + " msec");
-            });
-        };
-
-    registerRoutes({
-        {"CaptureStreamStart", "Starts the capture pipeline and streams the frames",
-         {{{"fourcc", "The FourCC code of the camera to stream.",
-            utils::SpinnerArgumentType::categorical, std::vector<std::string>{"RGB3", "GREY"},
-            isStreamableFourcc, "", 1},
-           numericArgument("resolution_index", "The index of the resolution to stream.")}},
-         streamStart},
-        {"CaptureStreamStop", "Stops the frame stream", {}, streamStop},
-        {"CaptureAcceleratedProcessing", "Enables the accelerated Processing with GPU.",
-         {{numericArgument("mode", "0-disable, 1-enable"),
-           numericArgument("bounds",
-                           "Nummerical 4 posetive integers which define the crop bounds left, "
-                           "top, width, height respectively.",
-                           "", -1)}},
-         acceleratedProcessing},
-        {"SetCapturePaddingMode", "Sets the frame capture paddings on streaming frame", {{mode}},
-         flagSetter("SetCapturePaddingMode: ", [&capture](bool on) { capture.setPaddingMode(on); })},
-        {"GetCapturePaddingMode", "Checks if the paddings of the frame is streamed", {},
-         flagGetter("GetCapturePaddingMode: ", [&capture] { return capture.paddingMode(); })},
-        {"SetCaptureBenchmarkPeriod", "Sets the period for the capture benchmark",
-         {{numericArgument("period", "The period for benchmarking(in milliseconds).", "1000")}},
-         benchmarkPeriod},
-        {"SetCaptureStreamOverWire", "Sets the frame capture pipline to stream the frame over the wire",
-         {{numericArgument("mode", "The wire stream(0-disable 1-enable).")}},
-         flagSetter("SetCaptureStreamOverWire: ",
-                    [&capture](bool on) { capture.setStreamOverWire(on); })},
+    return {
+        captureRoute("CaptureStreamStart", "Starts the capture pipeline and streams the frames",
+                {{"fourcc", "The FourCC code of the camera to stream.", utils::SpinnerArgumentType::categorical,
+                  std::vector<std::string>{"RGB3", "GREY"}, isStreamableFourcc, "", 1},
+                 utils::numericalArgument("resolution_index", "The index of the resolution to stream.")},
+                "CaptureStart: ", runtime, streamStart),
+        captureRoute("CaptureStreamStop", "Stops the frame stream", {}, "CaptureStreamStop: ", none,
+                [&capture](RouteCall& call) {
+                    capture.streamStop();
+                    return call.ok("CaptureStreamStop stopped.");
+                }),
+        captureRoute("CaptureAcceleratedProcessing", "Enables the accelerated Processing with GPU.",
+                {utils::numericalArgument("mode", "0-disable, 1-enable"),
+                 utils::numericalArgument("bounds",
+                                          "Nummerical 4 posetive integers which define the crop bounds left, "
+                                          "top, width, height respectively.",
+                                          "", -1)},
+                "CaptureEnableAcceleratedProcessing: ", runtime, acceleratedProcessing),
+        captureRoute("SetCapturePaddingMode", "Sets the frame capture paddings on streaming frame", {mode},
+                "SetCapturePaddingMode: ", runtime, flagSetter([&capture](bool on) { capture.setPaddingMode(on); })),
+        captureRoute("GetCapturePaddingMode", "Checks if the paddings of the frame is streamed", {},
+                "GetCapturePaddingMode: ", none, flagGetter([&capture] { return capture.paddingMode(); })),
+        captureRoute("SetCaptureBenchmarkPeriod", "Sets the period for the capture benchmark",
+                {utils::numericalArgument("period", "The period for benchmarking(in milliseconds).", "1000")},
+                "SetCaptureBenchmarkPeriod: ", runtime, benchmarkPeriod),
+        captureRoute("SetCaptureStreamOverWire", "Sets the frame capture pipline to stream the frame over the wire",
+                {utils::numericalArgument("mode", "The wire stream(0-disable 1-enable).")},
+                "SetCaptureStreamOverWire: ", runtime,
+                flagSetter([&capture](bool on) { capture.setStreamOverWire(on); })),
         // Answers with the padding route's prefix: clients match on it.
-        {"GetCaptureStreamOverWire", "Checks if the frame is streamed over wire", {},
-         flagGetter("GetCapturePaddingMode: ", [&capture] { return capture.streamOverWire(); })},
-    });
+        captureRoute("GetCaptureStreamOverWire", "Checks if the frame is streamed over wire", {},
+                "GetCapturePaddingMode: ", none, flagGetter([&capture] { return capture.streamOverWire(); })),
+    };
 }
 
 } // namespace k52app

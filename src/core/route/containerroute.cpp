@@ -1,4 +1,5 @@
 #include "core/commandrouter.h"
+#include "core/route/families.h"
 #include "core/k52resourcemanager.h"
 #include "k52app/logrecord.h"
 #include "utils/base/crc.h"
@@ -9,15 +10,12 @@
 
 #include <cstring>
 #include <iostream>
-#include <mutex>
 #include <string>
 #include <vector>
 
 namespace k52app {
 
 namespace {
-
-using Arguments = std::vector<std::string>;
 
 const std::string statusPath = "/settings/status";
 
@@ -62,79 +60,71 @@ void refreshGeneralChecksum(ContainerManager& containers)
     containers.generalContainer().checksum = containers.updateChecksum(K52Container::GENERAL);
 }
 
+// Reloads the sensor's and the trigger unit's records from the devices and writes them under
+// the status element.
+void writeDeviceRecords(K52ResourceManager& resources, utils::XMLBlockSerializer& serializer)
+{
+    ContainerManager& containers = resources.containers();
+    const auto statusGroup = resources.hold({K52ResourceGroups::DEVICE_STATUS});
+    // Also when the trigger unit's load fails after the sensor's record changed.
+    const struct ChecksumRefresh {
+        ContainerManager& containers;
+        ~ChecksumRefresh() { refreshGeneralChecksum(containers); }
+    } checksumRefresh{containers};
+    auto& imxData = containers.imxSubContainer().payload;
+    imxData.load(resources.lock<utils::IOIMX>().device());
+    auto* imx = serializer.findOrCreateElement(statusPath + "/imx");
+    std::cout << "eIMX : " << imx->Name() << std::endl;
+    imxData.toXml(imx);
+
+    auto& rtuData = containers.rtuSubContainer().payload;
+    rtuData.load(resources.lock<utils::IORTU>().device());
+    rtuData.toXml(serializer.findOrCreateElement(statusPath + "/rtu"));
+}
+
 } // namespace
 
-void K52CommandRouter::registerContainerCommands()
+std::vector<Route> containerRoutes(const RouteServices& services)
 {
-    K52ResourceManager* resources = &resources_;
-    const utils::SpinnerMetaData none;
+    K52ResourceManager& resources = services.resources;
+    const K52CommandRouter& router = services.router;
 
-    auto sendXmlDescriptor = [this, resources, reply = RouteReplyBuilder("Error", "GetXmlDescriptor: ")](
-                                 const Arguments&) {
-        return reply.guard([&] {
-            std::lock_guard xmlLock(resources->getMutex(K52ResourceGroups::XML_CONTAINER));
-            std::lock_guard controlLock(resources->getMutex(K52ResourceGroups::CTRL_SOCKET));
-            ContainerManager& containers = resources->containers();
+    auto sendXmlDescriptor = [&resources, &router](RouteCall& call) {
+        ContainerManager& containers = resources.containers();
+        utils::XMLBlockSerializer serializer(containers.xmlBlock(), "device");
+        auto* found = serializer.findElement(statusPath);
+        if (!found)
+            throw utils::UtilsOutOfRangeError("Node not found.");
+        clearStatus(found);
+        auto* status = serializer.findOrCreateElement(statusPath + "/");
+        router.toXml(status, status->GetDocument());
+        writeDeviceRecords(resources, serializer);
+        serializer.commit();
+        containers.updateChecksum(K52Container::XML);
 
-            utils::XMLBlockSerializer serializer(containers.xmlBlock(), "device");
-            auto* found = serializer.findElement(statusPath);
-            if (!found)
-                throw utils::UtilsOutOfRangeError("Node not found.");
-            clearStatus(found);
-            auto* status = serializer.findOrCreateElement(statusPath + "/");
-            toXml(status, status->GetDocument());
-            {
-                std::lock_guard statusLock(resources->getMutex(K52ResourceGroups::DEVICE_STATUS));
-                // Also when the trigger unit's load fails after the sensor's record changed.
-                const struct ChecksumRefresh {
-                    ContainerManager& containers;
-                    ~ChecksumRefresh() { refreshGeneralChecksum(containers); }
-                } checksumRefresh{containers};
-                auto& imxData = containers.imxSubContainer().payload;
-                {
-                    std::lock_guard imxLock(resources->getMutex(K52ResourceGroups::IMX));
-                    imxData.load(resources->imx());
-                }
-                auto* imx = serializer.findOrCreateElement(statusPath + "/imx");
-                std::cout << "eIMX : " << imx->Name() << std::endl;
-                imxData.toXml(imx);
-
-                auto& rtuData = containers.rtuSubContainer().payload;
-                {
-                    std::lock_guard rtuLock(resources->getMutex(K52ResourceGroups::RTU));
-                    rtuData.load(resources->rtu());
-                }
-                rtuData.toXml(serializer.findOrCreateElement(statusPath + "/rtu"));
-            }
-            serializer.commit();
-            containers.updateChecksum(K52Container::XML);
-
-            uint32_t checksum = 0;
-            const auto message = descriptorMessage(containers.xmlContainer(), checksum);
-            resources->controlSocket().send(message.data(), message.size());
-            K52_LOG(info) << "XML Container Sent " << message.size() << " bytes, CRC=" << hex32(checksum);
-            return reply.ok("XML Container Sent CRC=" + hex32(checksum));
-        });
+        uint32_t checksum = 0;
+        const auto message = descriptorMessage(containers.xmlContainer(), checksum);
+        resources.controlSocket().send(message.data(), message.size());
+        K52_LOG(info) << "XML Container Sent " << message.size() << " bytes, CRC=" << hex32(checksum);
+        return call.ok("XML Container Sent CRC=" + hex32(checksum));
     };
 
-    auto sendGeneralContainer = [resources, reply = RouteReplyBuilder("Error", "GetGeneralContainer: ")](
-                                    const Arguments&) {
-        return reply.guard([&] {
-            std::lock_guard containerLock(resources->getMutex(K52ResourceGroups::GENERAL_CONTAINER));
-            std::lock_guard streamLock(resources->getMutex(K52ResourceGroups::STREAM_SOCKET));
-            ContainerManager& containers = resources->containers();
-            // Only the leading word: clients take it as the signal that the container holds a frame.
-            resources->streamSocket().send(&containers.generalContainer().identifier, sizeof(uint32_t));
-            const auto& frame = containers.frameMetadataSubContainer().payload;
-            return reply.ok("Frame Container Sent Height: " + std::to_string(frame.height) +
-                            " Width: " + std::to_string(frame.width));
-        });
+    auto sendGeneralContainer = [&resources](RouteCall& call) {
+        ContainerManager& containers = resources.containers();
+        // Only the leading word: clients take it as the signal that the container holds a frame.
+        resources.streamSocket().send(&containers.generalContainer().identifier, sizeof(uint32_t));
+        const auto& frame = containers.frameMetadataSubContainer().payload;
+        return call.ok("Frame Container Sent Height: " + std::to_string(frame.height) +
+                       " Width: " + std::to_string(frame.width));
     };
 
-    registerRoutes({
-        {"GetXmlDescriptor", "Streams the XML descriptor", none, sendXmlDescriptor},
-        {"GetGeneralContainer", "Streams the general container", none, sendGeneralContainer},
-    });
+    using G = K52ResourceGroups;
+    return {
+        {"GetXmlDescriptor", "Streams the XML descriptor", {}, {G::XML_CONTAINER, G::CTRL_SOCKET},
+         "GetXmlDescriptor: ", "Error", Converts::deviceErrors, {}, sendXmlDescriptor},
+        {"GetGeneralContainer", "Streams the general container", {}, {G::GENERAL_CONTAINER, G::STREAM_SOCKET},
+         "GetGeneralContainer: ", "Error", Converts::deviceErrors, {}, sendGeneralContainer},
+    };
 }
 
 } // namespace k52app

@@ -1,6 +1,5 @@
-#include "core/commandrouter.h"
+#include "core/route/families.h"
 
-#include "core/k52resourcemanager.h"
 #include "core/middleware/ackreport.h"
 #include "k52app/logrecord.h"
 #include "utils/base/strings.h"
@@ -8,8 +7,6 @@
 namespace k52app {
 
 namespace {
-
-using Arguments = std::vector<std::string>;
 
 // The edge handlers run on the GPIO library's event thread. When no client is connected the
 // notice cannot be sent; the library drops the exception and keeps watching the line.
@@ -27,30 +24,25 @@ void announceFallingEdge(AckReport& ackReport)
 
 } // namespace
 
-void K52CommandRouter::registerGPIOCommands()
+std::vector<Route> gpioRoutes(const RouteServices& services)
 {
-    auto monitorButton = [&resources = resources_, &ackReport = ackReport_](const Arguments& arguments) {
-        const RouteReplyBuilder reply("Error", "Failed");
-        return reply.guard([&]() -> RouteReply {
-            utils::IOGPIO& button = resources.button();
-            if (std::stoi(arguments.at(0)) == 0) {
-                button.close();
-                return {"OK", "button monitor disabled."};
-            }
-            button.open();
-            button.setCallback(utils::IOGPIO::Edge::rising, [&ackReport] { announceRisingEdge(ackReport); });
-            button.setCallback(utils::IOGPIO::Edge::falling, [&ackReport] { announceFallingEdge(ackReport); });
-            return {"OK", "button monitor enabled."};
-        });
+    auto monitorButton = [&resources = services.resources, &ackReport = services.ackReport](RouteCall& call) -> RouteReply {
+        utils::IOGPIO& button = resources.button();
+        if (call.i32(0) == 0) {
+            button.close();
+            return {"OK", "button monitor disabled."};
+        }
+        button.open();
+        button.setCallback(utils::IOGPIO::Edge::rising, [&ackReport] { announceRisingEdge(ackReport); });
+        button.setCallback(utils::IOGPIO::Edge::falling, [&ackReport] { announceFallingEdge(ackReport); });
+        return {"OK", "button monitor enabled."};
     };
-
-    registerRoutes({
-        {"MonitorButton",
-         "Enables the button monitoring",
-         {{{"mode", "enable=1, disable=0", utils::SpinnerArgumentType::numerical,
-            utils::SpinnerArgumentNumericalLimit{0, 1, 1}, utils::isNumericalString, "", 1}}},
-         monitorButton},
-    });
+    // The success replies carry no prefix; only failures start with "Failed".
+    return {
+        {"MonitorButton", "Enables the button monitoring",
+         {utils::numericalArgument("mode", "enable=1, disable=0", 0, 1)}, {}, "Failed", "Error",
+         Converts::deviceErrors, {}, monitorButton},
+    };
 }
 
 } // namespace k52app

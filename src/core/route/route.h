@@ -22,7 +22,7 @@ struct RouteServices {
     K52ResourceManager& resources;
     Capture& capture;
     AckReport& ackReport;
-    K52CommandRouter& router;
+    const K52CommandRouter& router;
 };
 
 // The words after the route name, read by position. A missing position throws

@@ -1,4 +1,4 @@
-#include "core/commandrouter.h"
+#include "core/route/families.h"
 #include "core/k52resourcemanager.h"
 #include "core/middleware/capture.h"
 #include "k52app/logrecord.h"
@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -17,7 +16,6 @@ namespace k52app {
 
 namespace {
 
-using Arguments = std::vector<std::string>;
 using utils::ImageSerializer;
 
 uint32_t pixelFormatOf(const ImageSerializer::ImageData& image)
@@ -72,46 +70,44 @@ std::string frameNames(const K52ResourceManager::StaticFrameMap& frames)
 
 } // namespace
 
-void K52CommandRouter::registerStaticFrameCommands()
+std::vector<Route> staticFrameRoutes(const RouteServices& services)
 {
-    K52ResourceManager* resources = &resources_;
+    K52ResourceManager& resources = services.resources;
     std::vector<std::string> choices;
-    for (const auto& [name, image] : resources_.staticFrames())
+    for (const auto& [name, image] : resources.staticFrames())
         choices.push_back(listedName(name));
-    // The names are listed for help only: an unknown name gets the route's own answer.
-    const utils::SpinnerMetaData frameName{{{"frame_name", "the name of the static frame in XML descriptor",
-                                             utils::SpinnerArgumentType::categorical, choices, {},
-                                             "empty", 1}}};
 
-    auto sendStaticFrame = [resources, reply = RouteReplyBuilder("Error", "GetStaticFrame: ")](
-                               const Arguments& arguments) {
-        return reply.guard([&] {
-            const std::string& name = arguments.at(0);
-            std::lock_guard containerLock(resources->getMutex(K52ResourceGroups::GENERAL_CONTAINER));
-            std::lock_guard framesLock(resources->getMutex(K52ResourceGroups::STATIC_FRAMES));
-            std::lock_guard streamLock(resources->getMutex(K52ResourceGroups::STREAM_SOCKET));
-            // The frame's checksum covers the device records that GetXmlDescriptor rewrites.
-            std::lock_guard recordsLock(resources->getMutex(K52ResourceGroups::DEVICE_STATUS));
-            const auto& frames = resources->staticFrames();
-            const auto found = findFrame(frames, name);
-            if (found == frames.end())
-                return reply.refuse("Unknown static frame '" + name + "' (available: " +
-                                    frameNames(frames) + ").");
-            FrameArea frame(resources->containers().generalContainer());
-            storeFrame(frame, *found->second);
-            const uint32_t checksum = checksumOf(frame);
+    auto sendStaticFrame = [&resources](RouteCall& call) {
+        const std::string& name = call.text(0);
+        const auto& frames = resources.staticFrames();
+        const auto found = findFrame(frames, name);
+        if (found == frames.end())
+            return call.refuse("Unknown static frame '" + name + "' (available: " + frameNames(frames) + ").");
+        FrameArea frame(resources.containers().generalContainer());
+        storeFrame(frame, *found->second);
+        const uint32_t checksum = checksumOf(frame);
 
-            resources->streamSocket().send(frame.usedPart(), frame.usedLength());
-            K52_LOG(info) << "Static-Frame '" << name << "' Sent " << frame.usedLength() << " bytes, CRC="
-                          << hex32(checksum);
-            return reply.ok("Static-Frame Sent CRC=" + hex32(checksum));
-        });
+        resources.streamSocket().send(frame.usedPart(), frame.usedLength());
+        K52_LOG(info) << "Static-Frame '" << name << "' Sent " << frame.usedLength() << " bytes, CRC="
+                      << hex32(checksum);
+        return call.ok("Static-Frame Sent CRC=" + hex32(checksum));
     };
 
-    registerRoutes({
-        {"GetStaticFrame", "Loads chosen static frame loaded into frame container", frameName,
+    using G = K52ResourceGroups;
+    return {
+        // The names are listed for help only: an unknown name gets the route's own answer.
+        // The frame's checksum covers the device records that GetXmlDescriptor rewrites, hence
+        // their group.
+        {"GetStaticFrame", "Loads chosen static frame loaded into frame container",
+         {{"frame_name", "the name of the static frame in XML descriptor", utils::SpinnerArgumentType::categorical,
+           choices, {}, "empty", 1}},
+         {G::GENERAL_CONTAINER, G::STATIC_FRAMES, G::STREAM_SOCKET, G::DEVICE_STATUS},
+         "GetStaticFrame: ",
+         "Error",
+         Converts::deviceErrors,
+         {},
          sendStaticFrame},
-    });
+    };
 }
 
 } // namespace k52app

@@ -31,6 +31,13 @@ SpinnerArgumentMetaData numericalArgument(std::string name, std::string descript
             count};
 }
 
+SpinnerArgumentMetaData numericalArgument(std::string name, std::string description,
+                                          std::string defaultValue, int64_t count)
+{
+    return {std::move(name),    std::move(description), SpinnerArgumentType::numerical, std::monostate{},
+            isNumericalString, std::move(defaultValue), count};
+}
+
 const SpinnerArgumentMetaData IntegerArgumentMetaData{
     "value",
     "an integer value",

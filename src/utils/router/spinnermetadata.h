@@ -41,9 +41,12 @@ struct SpinnerMetaData {
 // A plain signed 32-bit integer argument of count 1.
 extern const SpinnerArgumentMetaData IntegerArgumentMetaData;
 
-// A numerical argument within [minimum, maximum] in steps of 1, checked by isNumericalString.
+// A numerical argument checked by isNumericalString, within [minimum, maximum] in steps of 1
+// or, in the second form, with no limits shown.
 SpinnerArgumentMetaData numericalArgument(std::string name, std::string description, double minimum,
                                           double maximum, std::string defaultValue = "",
                                           int64_t count = 1);
+SpinnerArgumentMetaData numericalArgument(std::string name, std::string description,
+                                          std::string defaultValue = "", int64_t count = 1);
 
 } // namespace utils

@@ -1,4 +1,4 @@
-#include "core/route/sysfsvalue.h"
+#include "utils/io/sysfsvalue.h"
 
 #include "utils/base/exceptions.h"
 #include "utils/io/filedescriptor.h"
@@ -6,18 +6,18 @@
 
 #include <fcntl.h>
 
-namespace k52app {
+namespace utils {
 
 void writeSysfsValue(const std::string& path, unsigned value)
 {
-    auto& kernel = utils::platform::kernel();
-    utils::FileDescriptor file(kernel.open(path, O_WRONLY));
+    auto& kernel = platform::kernel();
+    FileDescriptor file(kernel.open(path, O_WRONLY));
     if (!file)
-        throw utils::IOError("Failed to open " + path + " for writing");
+        throw IOError("Failed to open " + path + " for writing");
     const std::string text = std::to_string(value);
     // sysfs takes the whole value in one write; a partial write is a failed one.
     if (kernel.write(file.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()))
-        throw utils::IOError("Failed to write to " + path);
+        throw IOError("Failed to write to " + path);
 }
 
 void writeActiveLowLine(const std::string& path, bool active)
@@ -25,4 +25,4 @@ void writeActiveLowLine(const std::string& path, bool active)
     writeSysfsValue(path, active ? 0 : 1);
 }
 
-} // namespace k52app
+} // namespace utils
