@@ -90,12 +90,14 @@ TEST_F(RTUTest, ValuesTheUnitKeepsOrRefuses)
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(&c - cases);
-        if (c.refusal)
+        if (c.refusal) {
             EXPECT_THAT(c.set, k52test::throwsWith<utils::IOError>(c.refusal, "/dev/k52rtu"));
-        else
+        } else {
             c.set();
-        if (c.get)
+        }
+        if (c.get) {
             EXPECT_EQ(c.get(), c.expected);
+        }
     }
 }
 
