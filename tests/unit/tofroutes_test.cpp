@@ -56,6 +56,9 @@ TEST(ToFRoutes, RepliesAndStateAcrossSettings)
         {"ToFSetNumberOfSamples 20", "OK", "Number of samples set successfully to 20"},
         {"ToFSetNumberOfSamples 0", "Error", nullptr},
         {"ToFGetNumberOfSamples", "OK", "Number of samples: 20"},
+        // The register takes the low byte (20); clients read back the number they gave.
+        {"ToFSetNumberOfSamples 276", "OK", "Number of samples set successfully to 276"},
+        {"ToFGetNumberOfSamples", "OK", "Number of samples: 276"},
         {"ToFSetObjectDistance 600", "OK", "Object distance set successfully to 600"},
         {"ToFGetObjectDistance", "OK", "Object distance: 600"},
         {"ToFSetMeasurementCount 5", "OK", "Loop count set successfully to 5"},

@@ -78,17 +78,16 @@ RouteReply distanceMatrix(RouteCall& call, IOToF& sensor)
 
 // A calibration setting the sensor takes but cannot report back; the driver remembers it.
 // The reply echoes the number as parsed.
-template <typename Narrow>
-ToFBody setCalibration(void (IOToF::*set)(Narrow), std::string confirmation)
+ToFBody setCalibration(void (IOToF::*set)(unsigned long), std::string confirmation)
 {
     return [set, confirmation = std::move(confirmation)](RouteCall& call, IOToF& sensor) {
         const unsigned long value = unsignedValue(call);
-        (sensor.*set)(static_cast<Narrow>(value));
+        (sensor.*set)(value);
         return call.ok(confirmation + std::to_string(value));
     };
 }
 
-ToFBody reportCalibration(unsigned (IOToF::*get)() const, std::string label)
+ToFBody reportCalibration(unsigned long (IOToF::*get)() const, std::string label)
 {
     return [get, label = std::move(label)](RouteCall& call, IOToF& sensor) {
         return call.ok(label + std::to_string((sensor.*get)()));
@@ -205,7 +204,7 @@ std::vector<Route> tofRoutes(const RouteServices& services)
               {utils::numericalArgument("measurement_count", "Number of measurements (1-1000)", 1, 1000, "1")},
               [](RouteCall& call, IOToF& sensor) {
                   const unsigned long count = unsignedValue(call);
-                  sensor.set_measurement_count(static_cast<unsigned>(count));
+                  sensor.set_measurement_count(count);
                   return call.ok("Loop count set successfully to " + std::to_string(count));
               }),
         route(tof, "ToFGetDistanceMatrix", "Gets the distance matrix from the ToF sensor.", {}, distanceMatrix),

@@ -154,24 +154,24 @@ void IOToF::set_integration_time(unsigned microseconds)
     writeRegister(Register::integrationTime, microseconds, "INTEGRATION_TIME");
 }
 
-void IOToF::set_calibration_reflectance_percent(unsigned short percent)
+void IOToF::set_calibration_reflectance_percent(unsigned long percent)
 {
     std::lock_guard lock(mutex_);
-    writeRegister(Register::calibrationReflectance, percent, "CAL_REFLECTANCE");
+    writeRegister(Register::calibrationReflectance, static_cast<uint16_t>(percent), "CAL_REFLECTANCE");
     reflectance_ = percent;
 }
 
-void IOToF::set_calibration_nb_samples(unsigned char samples)
+void IOToF::set_calibration_nb_samples(unsigned long samples)
 {
     std::lock_guard lock(mutex_);
-    writeRegister(Register::calibrationSamples, samples, "CAL_SAMPLES");
+    writeRegister(Register::calibrationSamples, static_cast<uint8_t>(samples), "CAL_SAMPLES");
     samples_ = samples;
 }
 
-void IOToF::set_calibration_distance(unsigned short millimetres)
+void IOToF::set_calibration_distance(unsigned long millimetres)
 {
     std::lock_guard lock(mutex_);
-    writeRegister(Register::calibrationDistance, millimetres, "CAL_DISTANCE");
+    writeRegister(Register::calibrationDistance, static_cast<uint16_t>(millimetres), "CAL_DISTANCE");
     distance_ = millimetres;
 }
 

@@ -53,18 +53,19 @@ public:
     void set_integration_time(unsigned microseconds);
 
     // Parameters of the cross-talk calibration: the target's reflectance, the number of
-    // frames averaged and the target's distance in millimetres. The sensor cannot report them
-    // back, so the getters return what was last set successfully (or the defaults 50, 10, 1000).
-    void set_calibration_reflectance_percent(unsigned short percent);
-    void set_calibration_nb_samples(unsigned char samples);
-    void set_calibration_distance(unsigned short millimetres);
-    unsigned calibration_reflectance_percent() const { return reflectance_; }
-    unsigned calibration_nb_samples() const { return samples_; }
-    unsigned calibration_distance() const { return distance_; }
+    // frames averaged and the target's distance in millimetres. The registers are 16, 8 and 16
+    // bits wide and take the low bits; the sensor cannot report them back, so the getters return
+    // the value last set successfully as the client gave it (or the defaults 50, 10, 1000).
+    void set_calibration_reflectance_percent(unsigned long percent);
+    void set_calibration_nb_samples(unsigned long samples);
+    void set_calibration_distance(unsigned long millimetres);
+    unsigned long calibration_reflectance_percent() const { return reflectance_; }
+    unsigned long calibration_nb_samples() const { return samples_; }
+    unsigned long calibration_distance() const { return distance_; }
     // Measurements per request as clients configure it; kept for them only, the sensor has no
     // such setting.
-    void set_measurement_count(unsigned count) { measurementCount_ = count; }
-    unsigned measurement_count() const { return measurementCount_; }
+    void set_measurement_count(unsigned long count) { measurementCount_ = count; }
+    unsigned long measurement_count() const { return measurementCount_; }
     // Measures the cover glass cross-talk against the target described above.
     void xtalk_calibration();
 
@@ -86,10 +87,10 @@ private:
     bool ranging_ = false;
     std::vector<uint16_t> results_;
     // Atomic so that reading them back never waits behind a measurement holding the lock.
-    std::atomic<unsigned> reflectance_{50};
-    std::atomic<unsigned> samples_{10};
-    std::atomic<unsigned> distance_{1000};
-    std::atomic<unsigned> measurementCount_{1};
+    std::atomic<unsigned long> reflectance_{50};
+    std::atomic<unsigned long> samples_{10};
+    std::atomic<unsigned long> distance_{1000};
+    std::atomic<unsigned long> measurementCount_{1};
 };
 
 } // namespace utils
