@@ -120,8 +120,15 @@ TEST_F(RTUTest, PinConfigurationIsPerPinAndTriggeringReachesTheSensorBus)
     SensorBus& bus = board->sensorBus();
     rtu.setAutoTrigger(utils::IORTUTriggerMode::manual);
     rtu.enableAcquisition(true);
+    rtu.setFPS(0);
+    rtu.setExposureTime(4321);
+    const uint64_t before = bus.pulses();
+    rtu.manualTrigger();
     EXPECT_EQ(bus.trigger(), SensorBus::Trigger::manual);
     EXPECT_TRUE(bus.acquisition());
+    EXPECT_EQ(bus.framesPerSecond(), 0u);
+    EXPECT_EQ(bus.exposureUs(), 4321u);
+    EXPECT_EQ(bus.pulses(), before + 1);
     // What another part of the board sets on the bus is what the unit reports.
     bus.setFramesPerSecond(60);
     bus.setTrigger(SensorBus::Trigger::continuous);
