@@ -1,5 +1,5 @@
 // The configuration file parser over arbitrary file contents.
-#include "k52app/configparser.h"
+#include "utils/config/configparser.h"
 
 #include <sys/mman.h>
 #include <unistd.h>

@@ -2,7 +2,7 @@
 // that a stop is noticed promptly, and a departing client ends any stream it may have started.
 #include "core/core.h"
 
-#include "k52app/logrecord.h"
+#include "utils/log/logrecord.h"
 #include "utils/base/exceptions.h"
 
 #include <pthread.h>

@@ -2,7 +2,7 @@
 
 #include "core/k52resourcemanager.h"
 #include "core/route/families.h"
-#include "k52app/logrecord.h"
+#include "utils/log/logrecord.h"
 #include "utils/container/xmlblockserializer.h"
 
 #include <tinyxml2.h>

@@ -1,7 +1,7 @@
 // The control channel: one command per carriage-return-terminated payload.
 #include "core/core.h"
 
-#include "k52app/logrecord.h"
+#include "utils/log/logrecord.h"
 
 #include <cerrno>
 #include <cstring>

@@ -1,6 +1,6 @@
 #include "core/core.h"
 
-#include "k52app/logrecord.h"
+#include "utils/log/logrecord.h"
 #include "utils/base/exceptions.h"
 
 #include <pthread.h>

@@ -1,8 +1,8 @@
 #include "core/k52resourcemanager.h"
 
-#include "k52app/configparser.h"
-#include "k52app/logrecord.h"
-#include "k52app/printfunc.h"
+#include "utils/config/configparser.h"
+#include "utils/log/logrecord.h"
+#include "utils/log/printfunc.h"
 #include "utils/base/exceptions.h"
 #include "utils/container/xmlblockserializer.h"
 #include "utils/io/staticframes.h"

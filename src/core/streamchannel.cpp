@@ -1,7 +1,7 @@
 // The stream channel: frames go out on it; what a client sends is only logged.
 #include "core/core.h"
 
-#include "k52app/logrecord.h"
+#include "utils/log/logrecord.h"
 
 namespace k52app {
 

@@ -1,6 +1,6 @@
 #include "core/core.h"
-#include "k52app/configparser.h"
-#include "k52app/logrecord.h"
+#include "utils/config/configparser.h"
+#include "utils/log/logrecord.h"
 #include "k52app/terminatehandler.h"
 #include "utils/base/exceptions.h"
 #include "utils/platform/kernel.h"

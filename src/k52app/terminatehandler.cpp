@@ -1,7 +1,7 @@
 #include "k52app/terminatehandler.h"
 
 #include "core/core.h"
-#include "k52app/logrecord.h"
+#include "utils/log/logrecord.h"
 
 #include <csignal>
 

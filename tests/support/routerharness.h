@@ -1,7 +1,7 @@
 #pragma once
 
 #include "core/core.h"
-#include "k52app/configparser.h"
+#include "utils/config/configparser.h"
 #include "support/emulatedconfig.h"
 #include "utils/platform/emulated/board.h"
 

@@ -1,6 +1,6 @@
 // The C-linkage interface of the configuration parser.
 
-#include "k52app/configparser_c.h"
+#include "utils/config/configparser_c.h"
 
 #include "support/tempdir.h"
 

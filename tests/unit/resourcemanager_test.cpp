@@ -1,5 +1,5 @@
 #include "core/k52resourcemanager.h"
-#include "k52app/configparser.h"
+#include "utils/config/configparser.h"
 #include "support/bytes.h"
 #include "support/emulatedconfig.h"
 #include "support/syslogcapture.h"

@@ -1,6 +1,6 @@
-#include "k52app/logrecord.h"
-#include "k52app/printfunc.h"
-#include "k52app/syslogstream.h"
+#include "utils/log/logrecord.h"
+#include "utils/log/printfunc.h"
+#include "utils/log/syslogstream.h"
 #include "support/syslogcapture.h"
 
 #include <gtest/gtest.h>

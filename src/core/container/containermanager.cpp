@@ -1,6 +1,6 @@
 #include "core/container/containermanager.h"
 
-#include "k52app/logrecord.h"
+#include "utils/log/logrecord.h"
 #include "utils/container/xmlblockserializer.h"
 #include "utils/io/iocpuinfo.h"
 #include "utils/version.h"

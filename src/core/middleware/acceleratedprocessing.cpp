@@ -2,7 +2,7 @@
 
 #include "core/middleware/capture.h"
 #include "core/routereply.h"
-#include "k52app/logrecord.h"
+#include "utils/log/logrecord.h"
 #include "utils/base/exceptions.h"
 #include "utils/io/iov4l2.h"
 

@@ -1,7 +1,7 @@
 #include "core/middleware/ackreport.h"
 
 #include "core/k52resourcemanager.h"
-#include "k52app/logrecord.h"
+#include "utils/log/logrecord.h"
 #include "utils/net/tcpsocket.h"
 #include "utils/version.h"
 #include "utils/wire/ackframe.h"

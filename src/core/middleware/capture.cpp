@@ -3,7 +3,7 @@
 #include "core/k52resourcemanager.h"
 #include "core/middleware/acceleratedprocessing.h"
 #include "core/routereply.h"
-#include "k52app/logrecord.h"
+#include "utils/log/logrecord.h"
 #include "utils/base/crc.h"
 #include "utils/base/exceptions.h"
 #include "utils/wire/framemessage.h"

@@ -1,7 +1,7 @@
 #include "core/commandrouter.h"
 #include "core/route/families.h"
 #include "core/k52resourcemanager.h"
-#include "k52app/logrecord.h"
+#include "utils/log/logrecord.h"
 #include "utils/base/crc.h"
 #include "utils/base/exceptions.h"
 #include "utils/container/xmlblockserializer.h"

@@ -1,7 +1,7 @@
 #include "core/route/families.h"
 
 #include "core/middleware/ackreport.h"
-#include "k52app/logrecord.h"
+#include "utils/log/logrecord.h"
 #include "utils/base/strings.h"
 
 namespace k52app {

@@ -29,7 +29,7 @@ Body reads(std::string label, Value (IOIllumination::*get)() const)
 Body writes(void (IOIllumination::*set)(unsigned), bool signedValue = false)
 {
     return [set, signedValue](RouteCall& call) {
-        const unsigned value = signedValue ? call.u32(0) : static_cast<unsigned>(std::stoul(call.text(0)));
+        const unsigned value = signedValue ? call.u32(0) : static_cast<unsigned>(call.u64(0));
         (call.device<IOIllumination>().*set)(value);
         return call.ok("");
     };

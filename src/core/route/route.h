@@ -38,9 +38,11 @@ public:
     // Clients send signed 32-bit numbers that the device takes as the same 32 bits unsigned,
     // so "-1" reads 4294967295 and anything beyond the signed range is refused.
     uint32_t u32(size_t i) const { return static_cast<uint32_t>(i32(i)); }
-    int64_t i64(size_t i) const { return std::stoll(text(i)); }
+    // long and unsigned long, not their long long twins: a number beyond the range is
+    // answered with the parser's own name ("stol", "stoul"), which clients see.
+    int64_t i64(size_t i) const { return std::stol(text(i)); }
     // The full unsigned range; a leading minus wraps, as the standard conversion does.
-    uint64_t u64(size_t i) const { return std::stoull(text(i)); }
+    uint64_t u64(size_t i) const { return std::stoul(text(i)); }
     float f32(size_t i) const { return std::stof(text(i)); }
     // A register address, offset or value: nullopt when the number does not fit one byte.
     std::optional<uint8_t> byte(size_t i) const;

@@ -17,9 +17,6 @@ namespace {
 using utils::IOToF;
 using ToFBody = std::function<RouteReply(RouteCall&, IOToF&)>;
 
-// The parser's error text ("stoul") is the reply to a number beyond its range.
-unsigned long unsignedValue(const RouteCall& call) { return std::stoul(call.text(0)); }
-
 std::string resolutionName(IOToF::Resolution resolution)
 {
     switch (resolution) {
@@ -81,7 +78,7 @@ RouteReply distanceMatrix(RouteCall& call, IOToF& sensor)
 ToFBody setCalibration(void (IOToF::*set)(unsigned long), std::string confirmation)
 {
     return [set, confirmation = std::move(confirmation)](RouteCall& call, IOToF& sensor) {
-        const unsigned long value = unsignedValue(call);
+        const unsigned long value = call.u64(0);
         (sensor.*set)(value);
         return call.ok(confirmation + std::to_string(value));
     };
@@ -169,7 +166,7 @@ std::vector<Route> tofRoutes(const RouteServices& services)
         route(tof, "ToFSetIntegrationTime", "Sets the integration time of the ToF sensor.",
               {utils::numericalArgument("integration_time", "Integration time value (in microseconds)", 1, 1000000, "1000")},
               [](RouteCall& call, IOToF& sensor) {
-                  const unsigned long microseconds = unsignedValue(call);
+                  const unsigned long microseconds = call.u64(0);
                   sensor.set_integration_time(static_cast<unsigned>(microseconds));
                   return call.ok("Integration time set successfully to " + std::to_string(microseconds) +
                                  " microseconds");
@@ -203,7 +200,7 @@ std::vector<Route> tofRoutes(const RouteServices& services)
         route(tof, "ToFSetMeasurementCount", "Sets the number of measurements for the ToF sensor.",
               {utils::numericalArgument("measurement_count", "Number of measurements (1-1000)", 1, 1000, "1")},
               [](RouteCall& call, IOToF& sensor) {
-                  const unsigned long count = unsignedValue(call);
+                  const unsigned long count = call.u64(0);
                   sensor.set_measurement_count(count);
                   return call.ok("Loop count set successfully to " + std::to_string(count));
               }),

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "k52app/syslogstream.h"
+#include "utils/log/syslogstream.h"
 
 #include <cstdint>
 #include <mutex>

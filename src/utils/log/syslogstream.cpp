@@ -1,4 +1,4 @@
-#include "k52app/syslogstream.h"
+#include "utils/log/syslogstream.h"
 
 #include <syslog.h>
 

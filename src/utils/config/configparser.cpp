@@ -1,4 +1,4 @@
-#include "k52app/configparser.h"
+#include "utils/config/configparser.h"
 
 #include "utils/base/strings.h"
 #include "utils/version.h"

@@ -1,4 +1,4 @@
-#include "k52app/logrecord.h"
+#include "utils/log/logrecord.h"
 
 #include <cstdio>
 #include <ostream>

@@ -1,6 +1,6 @@
-#include "k52app/configparser_c.h"
+#include "utils/config/configparser_c.h"
 
-#include "k52app/configparser.h"
+#include "utils/config/configparser.h"
 
 #include <cerrno>
 #include <iostream>
