@@ -5,7 +5,10 @@
 #include "utils/io/ioi2crtu.h"
 #include "utils/io/iortu.h"
 #include "utils/io/iortudataadapter.h"
+#include "utils/io/ioimx.h"
+#include "utils/io/ioimxdataadapter.h"
 #include "utils/platform/emulated/board.h"
+#include "utils/platform/emulated/imxmodel.h"
 #include "utils/platform/emulated/rtumodel.h"
 #include "utils/platform/kernel.h"
 
@@ -33,14 +36,6 @@ protected:
         rtu.open();
         i2c.emplace("/dev/i2c-1", 66, O_RDWR);
     }
-
-    std::string readLine(const char* path)
-    {
-        utils::FileDescriptor fd(utils::platform::kernel().open(path, O_RDONLY));
-        char text[16] = {};
-        EXPECT_GE(utils::platform::kernel().read(fd.get(), text, sizeof text - 1), 0) << path;
-        return text;
-    }
     void writeLine(const char* path, const std::string& text)
     {
         utils::FileDescriptor fd(utils::platform::kernel().open(path, O_WRONLY));
@@ -53,102 +48,84 @@ protected:
     std::optional<utils::IOI2CRTU> i2c;
 };
 
-TEST_F(RTUTest, ValuesTheUnitKeepsOrRefuses)
+// Refusals name the register or pin, and leave the unit's value as it was.
+TEST_F(RTUTest, RefusedValuesNameTheirRegister)
 {
     rtu_pin_config_t badType;
     badType.setPin(2);
     badType[rtu_pin_config_t::type].value = 3;
     rtu_pin_config_t noSuchPin;
     noSuchPin.setPin(6);
-    const auto pin2Type = [&] {
-        rtu_pin_config_t pin;
-        pin.setPin(2);
-        rtu.getIOConfig(pin);
-        return pin[rtu_pin_config_t::type].value;
+    rtu.setDeviceState(utils::IORTUState::warning);
+    rtu.setIOValue(5, 1); // the last pin
+    const std::pair<std::function<void()>, const char*> cases[] = {
+        {[&] { rtu.setDeviceState(static_cast<utils::IORTUState>(0)); }, "DEVICE_STATE"},
+        {[&] { rtu.setDeviceState(static_cast<utils::IORTUState>(7)); }, "DEVICE_STATE"},
+        {[&] { rtu.setAutoTrigger(static_cast<utils::IORTUTriggerMode>(2)); }, "TRIGGER_MODE"},
+        {[&] { rtu.setIOConfig(badType); }, "PIN_CONFIG"},
+        {[&] { rtu.setIOValue(6, 1); }, "No I/O pin 6 on"},
+        {[&] { rtu.getIOConfig(noSuchPin); }, "No I/O pin 6 on"},
+        {[&] { rtu.getIOValue(1u << 26); }, "No I/O pin 67108864"}, // would alias pin 0
     };
-    const auto state = [&] { return static_cast<unsigned>(rtu.getDeviceState()); };
-    const auto setState = [&](unsigned v) { rtu.setDeviceState(static_cast<utils::IORTUState>(v)); };
-    struct Case {
-        std::function<void()> set;
-        std::function<unsigned()> get; // none where reading back is refused too
-        unsigned expected;
-        const char* refusal; // in the error's text; none where the value is taken
-    };
-    const Case cases[] = {
-        {[&] { rtu.setAnalogOutputVoltage(70000); }, [&] { return rtu.getAnalogOutputVoltage(); }, 4464,
-         nullptr}, // 16 bits kept
-        {[&] { setState(6); }, state, 6, nullptr},
-        {[&] { setState(0); }, state, 6, "DEVICE_STATE"},
-        {[&] { setState(7); }, state, 6, "DEVICE_STATE"},
-        {[&] { rtu.setAutoTrigger(static_cast<utils::IORTUTriggerMode>(2)); },
-         [&] { return static_cast<unsigned>(rtu.getAutoTrigger()); }, 1, "TRIGGER_MODE"},
-        {[&] { rtu.setIOValue(5, 1); }, [&] { return rtu.getIOValue(5); }, 1, nullptr},
-        {[&] { rtu.setIOConfig(badType); }, pin2Type, 0, "PIN_CONFIG"},
-        {[&] { rtu.setIOValue(6, 1); }, nullptr, 0, "No I/O pin 6 on"},
-        {[&] { rtu.getIOConfig(noSuchPin); }, nullptr, 0, "No I/O pin 6 on"},
-        {[&] { rtu.getIOValue(1u << 26); }, nullptr, 0, "No I/O pin 67108864"}, // would alias pin 0
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(&c - cases);
-        if (c.refusal) {
-            EXPECT_THAT(c.set, k52test::throwsWith<utils::IOError>(c.refusal, "/dev/k52rtu"));
-        } else {
-            c.set();
-        }
-        if (c.get) {
-            EXPECT_EQ(c.get(), c.expected);
-        }
-    }
+    for (const auto& [call, text] : cases)
+        EXPECT_THAT(call, k52test::throwsWith<utils::IOError>(text, "/dev/k52rtu"));
+    EXPECT_EQ(rtu.getDeviceState(), utils::IORTUState::warning);
+    EXPECT_EQ(rtu.getAutoTrigger(), utils::IORTUTriggerMode::continuous);
+    EXPECT_EQ(rtu.getIOValue(5), 1u);
+    badType.setPin(2);
+    rtu.getIOConfig(badType);
+    EXPECT_EQ(badType[rtu_pin_config_t::type].value, 0u);
 }
 
-TEST_F(RTUTest, PinConfigurationIsPerPinAndTriggeringReachesTheSensorBus)
+// The unit and the image sensor drive the one sensor bus; the image sensor's routes' tests pin
+// its ranges, replies and the status record's refresh.
+TEST_F(RTUTest, TheUnitAndTheImageSensorShareTheSensorBus)
 {
-    rtu_pin_config_t written;
-    written.setPin(3);
-    const uint32_t values[] = {2, 1, 3, 1, 1, 0, 1, 1500, 0, 20000};
-    for (size_t i = 0; i < rtu_pin_config_t::count; ++i)
-        written.entries[i].value = values[i];
-    rtu.setIOConfig(written);
-    for (unsigned pin : {2u, 3u, 4u}) {
-        rtu_pin_config_t read;
-        read.setPin(pin);
-        rtu.getIOConfig(read);
-        for (size_t i = 0; i < rtu_pin_config_t::count; ++i)
-            EXPECT_EQ(read.entries[i].value, pin == 3 ? values[i] : 0u) << pin << " entry " << i;
-    }
-
+    attachIMX(*board);
+    utils::IOIMX imx("/dev/imx0", O_RDWR);
     SensorBus& bus = board->sensorBus();
     rtu.setAutoTrigger(utils::IORTUTriggerMode::manual);
     rtu.enableAcquisition(true);
     rtu.setFPS(0);
+    imx.setExposure(10'000'000);
+    EXPECT_THAT([&] { imx.setExposure(10'000'001); }, k52test::throwsWith<utils::IOError>("EXPOSURE"));
     rtu.setExposureTime(4321);
+    imx.setROIXYOffset(1455, 1087);
     const uint64_t before = bus.pulses();
     rtu.manualTrigger();
     EXPECT_EQ(bus.trigger(), SensorBus::Trigger::manual);
     EXPECT_TRUE(bus.acquisition());
     EXPECT_EQ(bus.framesPerSecond(), 0u);
-    EXPECT_EQ(bus.exposureUs(), 4321u);
     EXPECT_EQ(bus.pulses(), before + 1);
-    // What another part of the board sets on the bus is what the unit reports.
+    EXPECT_EQ(bus.roiX(), 1455);
+    EXPECT_EQ(bus.roiY(), 1087);
     bus.setFramesPerSecond(60);
     bus.setTrigger(SensorBus::Trigger::continuous);
     EXPECT_EQ(rtu.getFPS(), 60u);
     EXPECT_EQ(rtu.getAutoTrigger(), utils::IORTUTriggerMode::continuous);
+
+    utils::IOIMXDataAdapter adapter{};
+    adapter.load(imx);
+    tinyxml2::XMLDocument document;
+    auto* element = document.NewElement("imx");
+    document.InsertFirstChild(element);
+    adapter.toXml(element);
+    EXPECT_STREQ(element->FirstChildElement("model")->GetText(), "imx296");
+    EXPECT_STREQ(element->FirstChildElement("sensorType")->GetText(), "monochrome");
+    EXPECT_STREQ(element->FirstChildElement("exposure")->GetText(), "4321");
+    EXPECT_STREQ(element->FirstChildElement("width")->GetText(), "1456");
+
+    board->faults().inject("/dev/imx0", Fault::openFails);
+    EXPECT_THROW(utils::IOIMX("/dev/imx0", O_RDWR), utils::IOError); // the constructor opens
 }
 
-// The analog output's lines are the unit's state too (the routes' tests cover the node and the
-// registers); outside the analog output the I2C registers are the unit's, read-only.
+// A line written by others is the unit's state too (the type line: below); outside the
+// analog output the I2C registers are the unit's, read-only.
 TEST_F(RTUTest, AnalogOutputLinesAndI2CRegisters)
 {
     writeLine(enableLine, "0"); // active-low
-    writeLine(typeLine, "1");
     EXPECT_TRUE(rtu.getAnalogOutputState());
-    EXPECT_FALSE(rtu.getAnalogOutputType());
     EXPECT_EQ(i2c->readRTUHalfwordRegister(14), 0x1000);
-    EXPECT_EQ(i2c->readRTUHalfwordRegister(15), 0);
-    writeLine(enableLine, "on"); // not a number: the line keeps its level
-    EXPECT_EQ(readLine(enableLine), "0\n");
-
     rtu.setDeviceState(utils::IORTUState::warning);
     EXPECT_EQ(i2c->readRTUHalfwordRegister(0), 5);
     EXPECT_EQ(i2c->readRTUHalfwordRegister(2), 2 << 8 | 7);
@@ -181,17 +158,9 @@ TEST_F(RTUTest, InterfacesMayBeUsedConcurrently)
     EXPECT_TRUE(rtu.getAnalogOutputType()); // the last line write (0) selected current
 }
 
-TEST_F(RTUTest, FaultsBecomeIOErrorsAndTheAdapterKeepsItsLastRecord)
+// Device failures on the routes are checked end to end.
+TEST_F(RTUTest, TheAdapterKeepsItsLastRecord)
 {
-    for (Fault fault : {Fault::ioError, Fault::timeout}) {
-        board->faults().inject("/dev/k52rtu", fault);
-        EXPECT_THAT([&] { rtu.getFPS(); },
-                    k52test::throwsWith<utils::IOError>("/dev/k52rtu", fault == Fault::ioError
-                                                                           ? "Input/output error"
-                                                                           : "timed out"));
-        board->faults().clear("/dev/k52rtu");
-    }
-
     rtu.setFPS(15);
     rtu.setExposureOffset(static_cast<unsigned>(-7));
     rtu.setAnalogOutputType(true);
