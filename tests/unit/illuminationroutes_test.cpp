@@ -1,8 +1,19 @@
+#include "support/board.h"
 #include "support/routerharness.h"
+#include "support/throws.h"
+#include "utils/base/exceptions.h"
+#include "utils/io/ioautofocus.h"
+#include "utils/io/ioillumination.h"
+#include "utils/io/registeraccess.h"
+#include "utils/platform/emulated/autofocusmodel.h"
+#include "utils/platform/emulated/illuminationmodel.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+
+#include <functional>
 #include <regex>
 #include <stdexcept>
 
@@ -12,7 +23,13 @@ using k52test::expectExchanges;
 
 using testing::HasSubstr;
 using testing::StartsWith;
-using utils::platform::emulated::Fault;
+using utils::IOAutoFocus;
+using utils::IOIllumination;
+using namespace utils::platform;
+using namespace utils::platform::emulated;
+
+constexpr const char* illuminationPath = "/dev/k52illum";
+constexpr const char* autofocusPath = "/dev/k52af";
 
 TEST(IlluminationRoutes, RepliesAndModuleState)
 {
@@ -77,7 +94,7 @@ TEST(AutoFocusRoutes, RepliesAndModuleState)
 // Every route of both families maps a device error onto its own starting word.
 TEST(IlluminationAndAutoFocusRoutes, DeviceErrorsAppendIOExceptionToTheStartingWord)
 {
-    for (const auto& [family, path, count] : {std::tuple{"Illu", "/dev/k52illum", 17}, std::tuple{"AF", "/dev/k52af", 8}}) {
+    for (const auto& [family, path, count] : {std::tuple{"Illu", illuminationPath, 17}, std::tuple{"AF", autofocusPath, 8}}) {
         k52test::RouterHarness h;
         h.board().faults().inject(path, Fault::ioError);
         int routes = 0;
@@ -92,6 +109,90 @@ TEST(IlluminationAndAutoFocusRoutes, DeviceErrorsAppendIOExceptionToTheStartingW
             EXPECT_THAT(message, HasSubstr(path));
         }
         EXPECT_EQ(routes, count);
+    }
+}
+
+// The modules alone: what the routes cannot show.
+class ModuleTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        attachIllumination(*board_);
+        attachAutoFocus(*board_);
+        illumination_.open();
+        autofocus_.open();
+    }
+
+    // A register as another process sees it: the little-endian word at its address.
+    uint32_t rawRegister(const char* path, uint32_t address)
+    {
+        k52_register_access request{address, 4, {}};
+        int fd = kernel().open(path, O_RDWR);
+        EXPECT_EQ(kernel().ioctl(fd, K52_REGISTER_READ, &request), 0);
+        kernel().close(fd);
+        return request.data[0] | request.data[1] << 8 | request.data[2] << 16 | uint32_t(request.data[3]) << 24;
+    }
+
+    k52test::InstalledBoard board_; // first: the devices close through it
+    IOIllumination illumination_{illuminationPath};
+    IOAutoFocus autofocus_{autofocusPath};
+};
+
+// The routes' tests pin ranges and read-back; here the register each setting lands in.
+TEST_F(ModuleTest, SettingsLandInTheirRegisters)
+{
+    struct Case {
+        std::function<void()> set;
+        const char* path;
+        uint32_t address, value;
+    };
+    const Case cases[] = {
+        {[&] { illumination_.setMode(0x1234); }, illuminationPath, 0x14, 0x1234},
+        {[&] { illumination_.setSegments(9); }, illuminationPath, 0x18, 9},
+        {[&] { illumination_.setWhiteBrightness(21); }, illuminationPath, 0x20, 21},
+        {[&] { illumination_.setRedBrightness(22); }, illuminationPath, 0x24, 22},
+        {[&] { illumination_.setGreenBrightness(23); }, illuminationPath, 0x28, 23},
+        {[&] { illumination_.setBlueBrightness(24); }, illuminationPath, 0x2C, 24},
+        {[&] { autofocus_.setPosition(2048); }, autofocusPath, 0x0C, 2048},
+        {[&] { autofocus_.setLEDMode(1); }, autofocusPath, 0x14, 1},
+        {[&] { autofocus_.setLEDState(1); }, autofocusPath, 0x18, 1},
+        {[&] { autofocus_.reset(); }, autofocusPath, 0x18, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        c.set();
+        EXPECT_EQ(rawRegister(c.path, c.address), c.value);
+    }
+}
+
+TEST_F(ModuleTest, AutoFocusSweepRunsInTheBackground)
+{
+    autofocus_.sweepFrequency();
+    EXPECT_EQ(rawRegister(autofocusPath, 0x04) & 0x1, 0x1u) << "busy while sweeping";
+    autofocus_.setPosition(100); // waits for the sweep to finish first
+    EXPECT_EQ(rawRegister(autofocusPath, 0x04) & 0x5, 0x4u) << "idle, SWEEP_VALID";
+}
+
+// I/O errors on every route are the routes' test's; here what the modules say about the rest.
+TEST_F(ModuleTest, InjectedFaultsBecomeIOErrors)
+{
+    struct Case {
+        const char* path;
+        Fault fault;
+        std::function<void()> call;
+        const char* text;
+    };
+    const Case cases[] = {
+        {illuminationPath, Fault::openFails, [] { IOIllumination(illuminationPath).open(); },
+         "Unable to open '/dev/k52illum'"},
+        {autofocusPath, Fault::timeout, [&] { autofocus_.reset(); }, "Timed out"},
+        {"", Fault::none, [] { IOAutoFocus(autofocusPath).getPosition(); }, "not open"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
+        board_->faults().inject(c.path, c.fault);
+        EXPECT_THAT(c.call, k52test::throwsWith<utils::IOError>(c.text));
+        board_->faults().clear(c.path);
     }
 }
 
