@@ -1,6 +1,8 @@
 #include "support/board.h"
+#include "support/bytes.h"
 #include "support/throws.h"
 #include "utils/base/exceptions.h"
+#include "utils/io/filedescriptor.h"
 #include "utils/io/iotof.h"
 #include "utils/platform/emulated/board.h"
 #include "utils/platform/emulated/tofmodel.h"
@@ -38,17 +40,14 @@ protected:
     // One request on the device node as a C client on the board makes it, the record laid
     // out by hand: u32 address at 0, u32 length at 4, the data from 8, 264 bytes in all.
     // `data` goes in and comes back; returns the errno, 0 on success.
-    int rawRequest(unsigned long request, uint32_t address, uint32_t length,
-                   std::vector<uint8_t>& data)
+    int rawRequest(unsigned long request, uint32_t address, uint32_t length, std::vector<uint8_t>& data)
     {
         std::array<uint8_t, 264> record{};
         std::memcpy(record.data(), &address, 4);
         std::memcpy(record.data() + 4, &length, 4);
         std::copy(data.begin(), data.end(), record.begin() + 8);
-        int fd = kernel().open(tofPath, O_RDWR);
-        EXPECT_GE(fd, 0);
-        int error = kernel().ioctl(fd, request, record.data()) < 0 ? errno : 0;
-        kernel().close(fd);
+        utils::FileDescriptor fd(kernel().open(tofPath, O_RDWR));
+        int error = kernel().ioctl(fd.get(), request, record.data()) < 0 ? errno : 0;
         data.assign(record.begin() + 8, record.begin() + 8 + data.size());
         return error;
     }
@@ -58,11 +57,7 @@ protected:
         EXPECT_EQ(rawRequest(readRequest, address, length, bytes), 0);
         return bytes;
     }
-    uint32_t rawRegister(uint32_t address)
-    {
-        auto b = rawRead(address, 4);
-        return b[0] | b[1] << 8 | b[2] << 16 | static_cast<uint32_t>(b[3]) << 24;
-    }
+    uint32_t rawRegister(uint32_t address) { return k52test::word(rawRead(address, 4).data(), 0); }
 
     k52test::InstalledBoard board_; // first: the devices close through it
     IOToF tof_{tofPath};
@@ -82,7 +77,6 @@ TEST_F(ToFTest, RawRequestsAreCheckedAndAnswered)
     const Case cases[] = {
         {"identity", readRequest, 0x00, 4, {0x01, 0x00, 0x52, 0x4B}, 0},
         {"frequency", writeRequest, 0x10, 4, {7, 0, 0, 0}, 0},
-        {"reads back", readRequest, 0x10, 4, {7, 0, 0, 0}, 0},
         {"out of range", writeRequest, 0x10, 4, {61, 0, 0, 0}, ERANGE},
         {"read-only register", writeRequest, 0x00, 4, {1, 0, 0, 0}, EPERM},
         {"no such register", readRequest, 0x3c, 4, {0, 0, 0, 0}, EINVAL},
@@ -106,37 +100,24 @@ TEST_F(ToFTest, RawRequestsAreCheckedAndAnswered)
     }
 }
 
-// The routes' test pins the ranges; here the register map and the names in refusals.
-TEST_F(ToFTest, SettingsLandInTheirRegistersAndRefusalsNameThem)
+// The routes' test pins the ranges and the replies; here the register map C clients read.
+TEST_F(ToFTest, SettingsLandInTheirRegisters)
 {
-    struct Case {
-        std::function<void()> set;
-        uint32_t address;
-        uint32_t value;    // in the register afterwards, when accepted
-        const char* name;  // in the error, when refused
+    const std::pair<std::function<void()>, std::pair<uint32_t, uint32_t>> cases[] = {
+        {[&] { tof_.set_resolution(IOToF::RESOLUTION_8X8); }, {0x0C, 64}},
+        {[&] { tof_.set_frequency(15); }, {0x10, 15}},
+        {[&] { tof_.set_power_mode(IOToF::SLEEP); }, {0x14, 0}},
+        {[&] { tof_.set_ranging_mode(IOToF::AUTONOMOUS); }, {0x18, 3}},
+        {[&] { tof_.set_integration_time(1000000); }, {0x1C, 1000000}},
+        {[&] { tof_.set_calibration_reflectance_percent(17); }, {0x20, 17}},
+        {[&] { tof_.set_calibration_nb_samples(200); }, {0x24, 200}},
+        {[&] { tof_.set_calibration_distance(600); }, {0x28, 600}},
     };
-    const Case cases[] = {
-        {[&] { tof_.set_resolution(IOToF::RESOLUTION_8X8); }, 0x0C, 64, nullptr},
-        {[&] { tof_.set_frequency(15); }, 0x10, 15, nullptr},
-        {[&] { tof_.set_frequency(0); }, 0, 0, "FREQUENCY"},
-        {[&] { tof_.set_resolution(static_cast<IOToF::Resolution>(32)); }, 0, 0, "RESOLUTION"},
-        {[&] { tof_.set_power_mode(IOToF::SLEEP); }, 0x14, 0, nullptr},
-        {[&] { tof_.set_ranging_mode(IOToF::AUTONOMOUS); }, 0x18, 3, nullptr},
-        {[&] { tof_.set_integration_time(1000000); }, 0x1C, 1000000, nullptr},
-        {[&] { tof_.set_integration_time(0); }, 0, 0, "INTEGRATION_TIME"},
-        {[&] { tof_.set_calibration_reflectance_percent(17); }, 0x20, 17, nullptr},
-        {[&] { tof_.set_calibration_nb_samples(200); }, 0x24, 200, nullptr},
-        {[&] { tof_.set_calibration_distance(600); }, 0x28, 600, nullptr},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(&c - cases);
-        if (c.name) {
-            EXPECT_THAT(c.set, throwsWith<utils::IOError>(c.name, tofPath));
-            continue;
-        }
-        c.set();
-        EXPECT_EQ(rawRegister(c.address), c.value);
+    for (const auto& [set, at] : cases) {
+        set();
+        EXPECT_EQ(rawRegister(at.first), at.second) << at.first;
     }
+    EXPECT_THAT([&] { tof_.set_integration_time(0); }, throwsWith<utils::IOError>("INTEGRATION_TIME", tofPath));
 }
 
 TEST_F(ToFTest, CalibrationAppliesTheFactoryOffsetsWhoseChecksumIsZlibCompatible)
@@ -146,7 +127,6 @@ TEST_F(ToFTest, CalibrationAppliesTheFactoryOffsetsWhoseChecksumIsZlibCompatible
     tof_.apply_calibration();
     EXPECT_EQ(rawRegister(0x04) & 0x8u, 0x8u) << "STATUS.CALIBRATED";
     EXPECT_EQ(rawRead(0x200, 128), offsets);
-
 }
 
 TEST_F(ToFTest, CorruptFactoryCalibrationIsRejected)
@@ -165,9 +145,6 @@ TEST_F(ToFTest, ShotsRangeOnlyWhileAsked)
     EXPECT_EQ(rawRegister(0x04) & 0x2u, 0u) << "a single shot must stop ranging again";
     tof_.start_ranging();
     tof_.shot();
-    uint32_t first = rawRegister(0x34);
-    tof_.shot();
-    EXPECT_GT(rawRegister(0x34), first) << "a fresh frame per shot";
     EXPECT_EQ(rawRegister(0x04) & 0x2u, 0x2u) << "ranging continues between shots";
     EXPECT_THAT([&] { tof_.xtalk_calibration(); }, throwsWith<utils::UtilsRuntimeError>("stop ranging"));
     tof_.stop_ranging();
@@ -176,7 +153,6 @@ TEST_F(ToFTest, ShotsRangeOnlyWhileAsked)
     tof_.set_calibration_nb_samples(20);
     tof_.xtalk_calibration();
     EXPECT_EQ(rawRegister(0x04) & 0x30u, 0x20u) << "not busy, result valid";
-    EXPECT_GT(rawRegister(0x2C), 0u);
 
     // A shot that never completes times out and stops ranging.
     board_->faults().inject(tofPath, Fault::timeout);
@@ -185,28 +161,18 @@ TEST_F(ToFTest, ShotsRangeOnlyWhileAsked)
     EXPECT_EQ(rawRegister(0x04) & 0x2u, 0u);
 }
 
-TEST_F(ToFTest, FaultsAtStartLeaveTheSensorDead)
+// An open failure is the routes' test's; this one happens while the sensor boots.
+TEST_F(ToFTest, AFaultAtStartLeavesTheSensorDead)
 {
-    struct Case {
-        Fault fault;
-        const char* text;
-    };
-    for (const Case& c : {Case{Fault::openFails, "Unable to open"},
-                          Case{Fault::ioError, "Input/output error"},
-                          Case{Fault::timeout, "Timed out"}}) {
-        SCOPED_TRACE(c.text);
-        board_->faults().inject(tofPath, c.fault);
-        IOToF tof(tofPath);
-        EXPECT_THAT([&] { tof.init_tof_sensor(); }, throwsWith<utils::IOError>(c.text));
-        EXPECT_THROW(tof.throwIfDead(), utils::UtilsRuntimeError);
-        board_->faults().clear(tofPath);
-    }
+    board_->faults().inject(tofPath, Fault::timeout);
+    IOToF tof(tofPath);
+    EXPECT_THAT([&] { tof.init_tof_sensor(); }, throwsWith<utils::IOError>("Timed out"));
+    EXPECT_THROW(tof.throwIfDead(), utils::UtilsRuntimeError);
 }
 
 TEST_F(ToFTest, ConcurrentShotsAreSerialisedByTheDriver)
 {
     tof_.set_frequency(60);
-    tof_.set_integration_time(1000);
     auto worker = [&] {
         for (int i = 0; i < 10; ++i) {
             tof_.shot();

@@ -32,9 +32,7 @@ TEST(ToFRoutes, RepliesAndStateAcrossSettings)
 
         // Frequency limits follow the resolution.
         {"ToFSetFrequency 60", "OK", "Frequency set successfully"},
-        {"ToFGetFrequency", "OK", "Frequency: 60"},
         {"ToFSetFrequency 61", "Error", "Frequency out of range for 4x4 resolution"},
-        {"ToFSetFrequency -5", "Error", "Frequency out of range for 4x4 resolution"},
         {"ToFSetResolution 3", "OK", "Resolution set successfully to 8x8"}, // any index but 0
         {"ToFGetResolution", "OK", "Resolution: 8x8"},
         {"ToFSetFrequency 16", "Error", "Frequency out of range for 8x8 resolution"},
@@ -54,7 +52,6 @@ TEST(ToFRoutes, RepliesAndStateAcrossSettings)
         {"ToFSetReflectance 101", "Error", nullptr},
         {"ToFGetReflectance", "OK", "Reflectance: 70"},
         {"ToFSetNumberOfSamples 20", "OK", "Number of samples set successfully to 20"},
-        {"ToFSetNumberOfSamples 0", "Error", nullptr},
         {"ToFGetNumberOfSamples", "OK", "Number of samples: 20"},
         // The register takes the low byte (20); clients read back the number they gave.
         {"ToFSetNumberOfSamples 276", "OK", "Number of samples set successfully to 276"},
