@@ -22,32 +22,9 @@ using namespace utils::platform::emulated;
 using k52test::throwsWith;
 using utils::platform::kernel;
 
-// A device that records what the master wrote and answers reads from a script.
-class RecordingDevice final : public I2CDevice {
-public:
-    bool write(std::span<const uint8_t> data) override
-    {
-        writes.emplace_back(data.begin(), data.end());
-        return true;
-    }
-    bool read(std::span<uint8_t> data) override
-    {
-        for (auto& byte : data)
-            byte = answer.empty() ? 0 : answer[next++ % answer.size()];
-        return true;
-    }
-    std::vector<std::vector<uint8_t>> writes;
-    std::vector<uint8_t> answer;
-    size_t next = 0;
-};
-
 class I2CTest : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        attachI2CBuses(*board);
-    }
-
+    void SetUp() override { attachI2CBuses(*board); }
     k52test::InstalledBoard board;
 };
 
@@ -106,41 +83,6 @@ TEST_F(I2CTest, SMBusTransfersAsI2CDevAnswersThem)
     EXPECT_EQ(errno, EINVAL);
 }
 
-TEST_F(I2CTest, InjectedFaultsReachTheDriver)
-{
-    for (const auto& [fault, error] : {std::pair{Fault::ioError, EIO}, std::pair{Fault::timeout, ETIMEDOUT}}) {
-        utils::IOI2CFile file("/dev/i2c-2", 0x50, O_RDWR);
-        board->faults().inject("/dev/i2c-2", fault);
-        uint8_t value = 0;
-        EXPECT_EQ(file.readRegister(0, value), -error);
-        EXPECT_THAT([&] { file.writeWord(0, 1); }, throwsWith<utils::IOError>("0x50 on /dev/i2c-2"));
-        board->faults().clear("/dev/i2c-2");
-    }
-    board->faults().inject("/dev/i2c-4", Fault::openFails);
-    EXPECT_THROW(utils::IOI2CFile("/dev/i2c-4", 0x50), utils::IOError);
-}
-
-// 16-bit RTU registers are SMBus word data: low byte first on the wire. A model attached to a
-// bus that exists joins it.
-TEST_F(I2CTest, RTUHalfwordRegistersTravelLowByteFirst)
-{
-    auto device = std::make_shared<RecordingDevice>();
-    I2CBus& bus = attachI2CBus(*board, "/dev/i2c-2");
-    EXPECT_NE(bus.deviceAt(0x50), nullptr) << "the general devices stay";
-    bus.addDevice(66, device);
-    utils::IOI2CRTU rtu("/dev/i2c-2", 66, O_RDWR);
-
-    rtu.writeRTUHalfwordRegister(16, 0x1234);
-    ASSERT_EQ(device->writes.size(), 1u);
-    EXPECT_EQ(device->writes[0], (std::vector<uint8_t>{16, 0x34, 0x12}));
-    device->answer = {0xcd, 0xab};
-    EXPECT_EQ(rtu.readRTUHalfwordRegister(19), 0xabcd);
-    EXPECT_EQ(device->writes.back(), std::vector<uint8_t>{19});
-
-    utils::IOI2CRTU absent("/dev/i2c-2", 67, O_RDWR);
-    EXPECT_THAT([&] { absent.readRTUHalfwordRegister(14); }, throwsWith<utils::IOError>("RTU register 14"));
-}
-
 // A bus whose adapter knows byte transfers only, as some SMBus controllers do.
 class ByteOnlyBus final : public VirtualDevice {
 public:
@@ -158,8 +100,22 @@ public:
     }
 };
 
-TEST_F(I2CTest, ATransferTheBusLacksIsNamed)
+TEST_F(I2CTest, FailuresNameTheAddressAndTheBus)
 {
+    for (const auto& [fault, error] : {std::pair{Fault::ioError, EIO}, std::pair{Fault::timeout, ETIMEDOUT}}) {
+        utils::IOI2CFile file("/dev/i2c-2", 0x50, O_RDWR);
+        board->faults().inject("/dev/i2c-2", fault);
+        uint8_t value = 0;
+        EXPECT_EQ(file.readRegister(0, value), -error);
+        EXPECT_THAT([&] { file.writeWord(0, 1); }, throwsWith<utils::IOError>("0x50 on /dev/i2c-2"));
+        board->faults().clear("/dev/i2c-2");
+    }
+    board->faults().inject("/dev/i2c-4", Fault::openFails);
+    EXPECT_THROW(utils::IOI2CFile("/dev/i2c-4", 0x50), utils::IOError);
+    // The RTU's registers (their bytes are the RTU routes' tests') name the register.
+    utils::IOI2CRTU absent("/dev/i2c-2", 67, O_RDWR);
+    EXPECT_THAT([&] { absent.readRTUHalfwordRegister(14); }, throwsWith<utils::IOError>("RTU register 14"));
+
     board->attach("/dev/i2c-8", std::make_shared<ByteOnlyBus>());
     utils::IOI2CFile file("/dev/i2c-8", 0x20);
     const std::string failed = "I2C transfer to address 0x20 on /dev/i2c-8 failed: the bus has no SMBus ";
