@@ -13,7 +13,7 @@ scripts/setup.sh
 jobs=${K52_TEST_JOBS:-$(nproc)}
 
 echo "== tests (RelWithDebInfo)"
-scripts/build.sh build -DK52_BUILD_TESTS=ON -DK52_BUILD_BENCH=ON -DK52_BUILD_CUSE=ON
+scripts/build.sh build -DK52_BUILD_TESTS=ON -DK52_BUILD_BENCH=ON -DK52_BUILD_CUSE=ON -DK52_WERROR=ON
 ctest --test-dir build --output-on-failure -j "$jobs"
 
 echo "== tests (AddressSanitizer + UndefinedBehaviorSanitizer)"

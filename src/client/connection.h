@@ -1,7 +1,7 @@
 #pragma once
 
 #include "client/notice.h"
-#include "utils/io/filedescriptor.h"
+#include "utils/platform/filedescriptor.h"
 
 #include <chrono>
 #include <cstdint>

@@ -1,6 +1,6 @@
 #include "client/containers.h"
-#include "utils/io/filedescriptor.h"
-#include "utils/io/mappedregion.h"
+#include "utils/platform/filedescriptor.h"
+#include "utils/platform/mappedregion.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>

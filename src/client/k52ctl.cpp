@@ -271,12 +271,13 @@ public:
     {
         ++frames_;
         ++total_;
-        bytes_ += frame.messageSize;
+        bytes_ += static_cast<double>(frame.messageSize);
         const auto now = Clock::now();
         const std::chrono::duration<double> elapsed = now - since_;
         if (elapsed.count() >= 1.0) {
             std::printf("%8llu frames  %7.2f fps  %8.2f MB/s  %s\n", static_cast<unsigned long long>(total_),
-                        frames_ / elapsed.count(), bytes_ / elapsed.count() / 1e6, describe(frame).c_str());
+                        static_cast<double>(frames_) / elapsed.count(), bytes_ / elapsed.count() / 1e6,
+                        describe(frame).c_str());
             std::fflush(stdout);
             since_ = now;
             frames_ = 0;

@@ -1,9 +1,9 @@
 #pragma once
 
 #include "utils/container/container.h"
-#include "utils/io/filedescriptor.h"
+#include "utils/platform/filedescriptor.h"
 #include "utils/io/iobase.h"
-#include "utils/io/mappedregion.h"
+#include "utils/platform/mappedregion.h"
 
 #include <cstdint>
 #include <map>

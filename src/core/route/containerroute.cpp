@@ -1,8 +1,8 @@
 #include "core/commandrouter.h"
 #include "core/route/families.h"
 #include "core/k52resourcemanager.h"
+#include "utils/wire/descriptormessage.h"
 #include "utils/log/logrecord.h"
-#include "utils/base/crc.h"
 #include "utils/base/exceptions.h"
 #include "utils/container/xmlblockserializer.h"
 
@@ -19,26 +19,14 @@ namespace {
 
 const std::string statusPath = "/settings/status";
 
-// The XML descriptor message: the XML container as it stands, with the length of its used part
-// (header, text and NUL, checksum) at offset 4 and the rest of the frame at offset 12, like an
-// acknowledgement frame of kind 0x052A0201. The checksum of the used part follows the text and
-// is repeated in the last four bytes; all 229376 bytes are sent whatever the used length, so a
-// reader always reads one fixed-size block.
+// The XML descriptor message is the XML container as it stands, sealed by the wire module;
+// all of it is sent whatever the used length, so a reader always reads one fixed-size block.
 std::vector<unsigned char> descriptorMessage(const utils::XMLContainer& container, uint32_t& checksum)
 {
+    static_assert(sizeof container == utils::wire::descriptorSize);
     std::vector<unsigned char> message(sizeof container);
     std::memcpy(message.data(), &container, sizeof container);
-    const auto& block = container.subContainer<0>().payload;
-    const auto textLength = static_cast<uint32_t>(::strnlen(block.text, sizeof block.text));
-    constexpr uint32_t headerSize = 16;
-    // The serializer keeps a NUL after the text, so the used part never exceeds the message.
-    const uint32_t used = headerSize + textLength + 1 + sizeof checksum;
-    const uint32_t rest = used - 12;
-    std::memcpy(message.data() + 4, &used, sizeof used);
-    std::memcpy(message.data() + 12, &rest, sizeof rest);
-    checksum = utils::CRCSum32(message.data(), used - sizeof checksum, utils::XMLContainer::seed);
-    std::memcpy(message.data() + used - sizeof checksum, &checksum, sizeof checksum);
-    std::memcpy(message.data() + message.size() - sizeof checksum, &checksum, sizeof checksum);
+    checksum = utils::wire::sealDescriptorMessage(message.data());
     return message;
 }
 

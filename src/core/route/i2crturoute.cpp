@@ -1,5 +1,6 @@
 #include "core/route/families.h"
 #include "utils/io/ioi2crtu.h"
+#include "utils/regmap/rturegisters.h"
 #include "utils/io/sysfsvalue.h"
 
 #include <functional>
@@ -34,7 +35,7 @@ std::string setAnalogOutputState(RouteCall& call)
     const bool enable = call.i32(0) != 0;
     call.device<IOI2CRTU>().writeRTUHalfwordRegister(IOI2CRTU::analogOutputState,
                                                       enable ? IOI2CRTU::analogOutputEnable : 0);
-    utils::writeActiveLowLine(utils::analogOutputEnableLinePath, enable);
+    utils::writeActiveLowLine(utils::rtu_registers::analogOutputEnableLinePath, enable);
     return std::string("Analog output ") + (enable ? "enabled" : "disabled");
 }
 
@@ -42,7 +43,7 @@ std::string setAnalogOutputState(RouteCall& call)
 std::string setAnalogOutputType(RouteCall& call)
 {
     const bool current = call.i32(0) != 0;
-    utils::writeActiveLowLine(utils::analogOutputTypeLinePath, current);
+    utils::writeActiveLowLine(utils::rtu_registers::analogOutputTypeLinePath, current);
     call.device<IOI2CRTU>().writeRTUHalfwordRegister(IOI2CRTU::analogOutputType, current ? 1 : 0);
     return current ? "current" : "voltage";
 }

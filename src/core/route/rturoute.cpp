@@ -1,6 +1,7 @@
 #include "core/route/families.h"
 #include "utils/base/exceptions.h"
 #include "utils/io/iortu.h"
+#include "utils/regmap/rturegisters.h"
 #include "utils/io/sysfsvalue.h"
 
 #include <cstdint>
@@ -100,7 +101,7 @@ std::string setAnalogOutputState(RouteCall& call)
 {
     const bool enable = call.u32(0) != 0;
     call.device<IORTU>().setAnalogOutputState(enable);
-    utils::writeActiveLowLine(utils::analogOutputEnableLinePath, enable);
+    utils::writeActiveLowLine(utils::rtu_registers::analogOutputEnableLinePath, enable);
     return "Analog output " + enabledText(enable);
 }
 
@@ -109,7 +110,7 @@ std::string setAnalogOutputState(RouteCall& call)
 std::string setAnalogOutputType(RouteCall& call)
 {
     const bool current = call.u32(0) != 0;
-    utils::writeActiveLowLine(utils::analogOutputTypeLinePath, current);
+    utils::writeActiveLowLine(utils::rtu_registers::analogOutputTypeLinePath, current);
     call.device<IORTU>().setAnalogOutputType(current);
     return current ? "voltage" : "current";
 }
@@ -141,7 +142,7 @@ std::vector<Route> rtuRoutes(const RouteServices&)
         utils::numericalArgument("off_delay_time", "the delay to turn the io off", 0, 4294967295.0, "0"),
         utils::numericalArgument("pulse_time", "the io pulse time", 0, 4294967295.0, "0"),
     };
-    const std::vector<utils::SpinnerArgumentMetaData> pin{utils::numericalArgument("pin", "the desiered io pin", 0, 5, "0")};
+    const std::vector<utils::SpinnerArgumentMetaData> onePin{utils::numericalArgument("pin", "the desiered io pin", 0, 5, "0")};
 
     return {
         rtu("GetRTUStatus", "Gets the status of the unit", none, "GetRTUStatus: ",
@@ -156,7 +157,7 @@ std::vector<Route> rtuRoutes(const RouteServices&)
         rtu("GetRTUFPS", "Gets the RTU configured FPS", none, "GetRTUFPS: ",
             [](RouteCall& call) { return "RTU FPS: " + std::to_string(call.device<IORTU>().getFPS()); }),
         rtu("SetRTUIOConfig", "Sets the RTU config", pinConfig, "SetRTUIOConfig: ", setPinConfig),
-        rtu("GetRTUIOConfig", "Gets the current configuration", pin, "GetRTUIOConfig: ", getPinConfig),
+        rtu("GetRTUIOConfig", "Gets the current configuration", onePin, "GetRTUIOConfig: ", getPinConfig),
         // Declared with one argument, but it takes the pin and then the value.
         rtu("SetRTUIOValue", "Sets the RTU IO value", integer, "SetRTUIOValue: ",
             [](RouteCall& call) {

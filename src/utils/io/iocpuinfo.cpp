@@ -1,7 +1,7 @@
 #include "utils/io/iocpuinfo.h"
 
 #include "utils/base/exceptions.h"
-#include "utils/io/filedescriptor.h"
+#include "utils/platform/filedescriptor.h"
 #include "utils/platform/kernel.h"
 
 #include <fcntl.h>

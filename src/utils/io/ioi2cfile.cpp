@@ -1,7 +1,6 @@
 #include "utils/io/ioi2cfile.h"
 
 #include "utils/base/exceptions.h"
-#include "utils/platform/kernel.h"
 
 #include <linux/i2c-dev.h>
 #include <linux/i2c.h>
@@ -49,13 +48,12 @@ IOI2CFile::IOI2CFile(std::string device, uint8_t address, int flags)
 int IOI2CFile::transfer(uint8_t direction, uint8_t command, uint32_t size,
                         i2c_smbus_data& data) const
 {
-    auto& kernel = platform::kernel();
     // The address belongs to the open file; selecting it on every transfer keeps a reopened
     // descriptor right. I2C_SLAVE (not _FORCE) leaves a device that a kernel driver owns alone.
-    if (kernel.ioctl(descriptor(), I2C_SLAVE, reinterpret_cast<void*>(uintptr_t{address_})) < 0)
+    if (!tryControl(I2C_SLAVE, reinterpret_cast<void*>(uintptr_t{address_})))
         return errno;
     i2c_smbus_ioctl_data request{direction, command, size, &data};
-    if (kernel.ioctl(descriptor(), I2C_SMBUS, &request) < 0)
+    if (!tryControl(I2C_SMBUS, &request))
         return errno;
     return 0;
 }
@@ -70,7 +68,7 @@ void IOI2CFile::transferFailed(int error, uint8_t direction, uint32_t size) cons
     unsigned long functions = 0;
     const Functionality needed = functionality(direction, size);
     if (error == EOPNOTSUPP &&
-        platform::kernel().ioctl(descriptor(), I2C_FUNCS, &functions) == 0 &&
+        tryControl(I2C_FUNCS, &functions) &&
         !(functions & needed.bit))
         reason = std::string("the bus has no SMBus ") + needed.name;
     throw IOError(where + path() + " failed: " + reason);

@@ -1,7 +1,6 @@
 #include "utils/io/ioregisterfile.h"
 
 #include "utils/base/exceptions.h"
-#include "utils/platform/kernel.h"
 #include "utils/regmap/registeraccess.h"
 
 #include <endian.h>
@@ -36,7 +35,7 @@ void IORegisterFile::readBlock(uint32_t address, void* data, size_t length,
     }
     request.address = address;
     request.length = static_cast<uint32_t>(length);
-    if (platform::kernel().ioctl(descriptor(), K52_REGISTER_READ, &request) < 0)
+    if (!tryControl(K52_REGISTER_READ, &request))
         fail("Unable to read " + registerText(name));
     std::memcpy(data, request.data, length);
 }
@@ -52,7 +51,7 @@ void IORegisterFile::writeBlock(uint32_t address, const void* data, size_t lengt
     request.address = address;
     request.length = static_cast<uint32_t>(length);
     std::memcpy(request.data, data, length);
-    if (platform::kernel().ioctl(descriptor(), K52_REGISTER_WRITE, &request) < 0)
+    if (!tryControl(K52_REGISTER_WRITE, &request))
         fail("Unable to write " + registerText(name));
 }
 

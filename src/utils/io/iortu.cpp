@@ -95,7 +95,7 @@ void IORTU::setIOConfig(const rtu_pin_config_t& config)
         const rtu_pin_param_t& entry = config.entries[i];
         checkPin(entry.pin);
         uint32_t wire = htole32(entry.value);
-        writeBlock(pinWordAddress(entry.pin, i), &wire, sizeof wire, "PIN_CONFIG");
+        writeBlock(pinWordAddress(entry.pin, static_cast<uint32_t>(i)), &wire, sizeof wire, "PIN_CONFIG");
     }
 }
 
@@ -105,7 +105,7 @@ void IORTU::getIOConfig(rtu_pin_config_t& config) const
         rtu_pin_param_t& entry = config.entries[i];
         checkPin(entry.pin);
         uint32_t wire = 0;
-        readBlock(pinWordAddress(entry.pin, i), &wire, sizeof wire, "PIN_CONFIG");
+        readBlock(pinWordAddress(entry.pin, static_cast<uint32_t>(i)), &wire, sizeof wire, "PIN_CONFIG");
         entry.value = le32toh(wire);
     }
 }

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "utils/io/iofile.h"
-#include "utils/io/mappedregion.h"
+#include "utils/platform/mappedregion.h"
 
 #include <linux/videodev2.h>
 

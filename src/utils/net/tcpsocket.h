@@ -1,6 +1,6 @@
 #pragma once
 
-#include "utils/io/filedescriptor.h"
+#include "utils/platform/filedescriptor.h"
 
 #include <atomic>
 #include <chrono>

@@ -44,4 +44,9 @@ constexpr uint32_t pinWords = 11;
 constexpr uint32_t pinValueWord = 10;
 constexpr uint32_t pinBlock(uint32_t pin) { return pinBase + pin * pinStride; }
 
+// The analog output's two sysfs GPIO lines, next to the unit on the board. Both are active-low:
+// 0 enables the output, and 0 on the type line selects current.
+inline constexpr const char* analogOutputEnableLinePath = "/sys/class/gpio/gpio431/value";
+inline constexpr const char* analogOutputTypeLinePath = "/sys/class/gpio/gpio479/value";
+
 } // namespace utils::rtu_registers

@@ -1,7 +1,7 @@
 #include "utils/platform/emulated/gpiochip.h"
 
 #include "utils/base/exceptions.h"
-#include "utils/io/filedescriptor.h"
+#include "utils/platform/filedescriptor.h"
 #include "utils/platform/emulated/board.h"
 
 #include <fcntl.h>
@@ -62,7 +62,7 @@ class GPIOChip::State {
 public:
     class LineRequest;
 
-    explicit State(EmulatedBoard& board) : board(board) {}
+    explicit State(EmulatedBoard& owner) : board(owner) {}
 
     // The fault injected into the chip's node (the hidden request node never carries one).
     Fault fault() const { return board.faults().fault(GPIOChip::path); }

@@ -332,8 +332,8 @@ void attachRTU(EmulatedBoard& board)
         unit->showAnalogLines();
     }
     board.attach(RtuModel::devicePath, unit);
-    board.attach(RtuModel::analogEnableLinePath, unit->enableLine_);
-    board.attach(RtuModel::analogTypeLinePath, unit->typeLine_);
+    board.attach(rtu_registers::analogOutputEnableLinePath, unit->enableLine_);
+    board.attach(rtu_registers::analogOutputTypeLinePath, unit->typeLine_);
     attachI2CBus(board, RtuModel::i2cBusPath)
         .addDevice(RtuModel::i2cAddress, std::make_shared<RtuModel::I2CRegisters>(unit));
 }

@@ -25,9 +25,6 @@ public:
     static constexpr const char* devicePath = "/dev/k52rtu";
     static constexpr const char* i2cBusPath = "/dev/i2c-1";
     static constexpr uint8_t i2cAddress = 66;
-    // Active-low lines: 0 enables the output, 0 selects current.
-    static constexpr const char* analogEnableLinePath = "/sys/class/gpio/gpio431/value";
-    static constexpr const char* analogTypeLinePath = "/sys/class/gpio/gpio479/value";
 
     RtuModel(FaultInjector& faults, SensorBus& sensorBus);
 

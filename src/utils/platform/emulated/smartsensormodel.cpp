@@ -87,7 +87,7 @@ std::array<uint8_t, 256> SmartSensorModel::snapshot() const
         const auto sample = static_cast<uint64_t>(since * gyroRate_);
         // The reading belongs to the latest sample, not to the moment of the read.
         const double t =
-            std::chrono::duration<double>(gyroEnabled_ - created_).count() + sample / gyroRate_;
+            std::chrono::duration<double>(gyroEnabled_ - created_).count() + static_cast<double>(sample) / gyroRate_;
         const double bias = 0.05 * std::sin(2.0 * std::numbers::pi * t / 60.0);
         const double rates[3] = {2.0 * std::sin(2.0 * std::numbers::pi * t / 7.0),
                                  1.5 * std::sin(2.0 * std::numbers::pi * t / 11.0 + 1.0),

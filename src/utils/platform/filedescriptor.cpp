@@ -1,4 +1,4 @@
-#include "utils/io/filedescriptor.h"
+#include "utils/platform/filedescriptor.h"
 
 #include "utils/platform/kernel.h"
 

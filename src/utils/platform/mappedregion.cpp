@@ -1,4 +1,4 @@
-#include "utils/io/mappedregion.h"
+#include "utils/platform/mappedregion.h"
 
 #include "utils/platform/kernel.h"
 
