@@ -23,47 +23,31 @@ protected:
     }
 };
 
+// Each change of severity or facility reopens the connection, without an ident.
 TEST_F(SyslogStreamTest, FlushSendsOneRecordWithSeverityAndFacility)
 {
-    struct Case {
-        k52app::SyslogSeverity severity;
-        k52app::SyslogFacility facility;
-        int priority;
-    };
-    const Case cases[] = {
-        {k52app::crit, k52app::daemon, LOG_CRIT | LOG_DAEMON},
-        {k52app::warn, k52app::local7, LOG_WARNING | LOG_LOCAL7},
-        {k52app::emerg, k52app::kern, LOG_EMERG | LOG_KERN},
-        {k52app::notice, k52app::authpriv, LOG_NOTICE | LOG_AUTHPRIV},
-    };
-    for (const auto& c : cases) {
+    const std::pair<k52app::SyslogFacility, int> cases[] = {
+        {k52app::daemon, LOG_CRIT | LOG_DAEMON}, {k52app::local7, LOG_CRIT | LOG_LOCAL7},
+        {k52app::kern, LOG_CRIT | LOG_KERN}, {k52app::authpriv, LOG_CRIT | LOG_AUTHPRIV}};
+    for (const auto& [facility, priority] : cases) {
         SyslogCapture capture;
         {
             std::lock_guard lock(k52app::log.mutex);
-            k52app::log << c.facility << c.severity << "abc" << std::endl;
+            k52app::log << k52app::warn << facility << k52app::crit << "abc" << std::endl;
         }
-        auto records = capture.records();
+        const auto records = capture.records();
         ASSERT_EQ(records.size(), 1u);
-        EXPECT_EQ(records[0].priority, c.priority);
+        EXPECT_EQ(records[0].priority, priority);
         EXPECT_EQ(records[0].text, "abc\n");
         EXPECT_EQ(records[0].format, "%s");
+        const auto calls = capture.calls();
+        ASSERT_EQ(calls.size(), 6u);
+        EXPECT_EQ(calls[0].kind, k52test::SyslogCall::Kind::close);
+        EXPECT_EQ(calls[1].kind, k52test::SyslogCall::Kind::open);
+        EXPECT_EQ(calls[1].ident, "");
+        EXPECT_EQ(calls[1].option, LOG_PID);
+        EXPECT_EQ(calls[5].facility, priority);
     }
-}
-
-TEST_F(SyslogStreamTest, SeverityChangeReopensWithoutIdent)
-{
-    SyslogCapture capture;
-    {
-        std::lock_guard lock(k52app::log.mutex);
-        k52app::log << k52app::warn;
-    }
-    auto calls = capture.calls();
-    ASSERT_EQ(calls.size(), 2u);
-    EXPECT_EQ(calls[0].kind, k52test::SyslogCall::Kind::close);
-    EXPECT_EQ(calls[1].kind, k52test::SyslogCall::Kind::open);
-    EXPECT_EQ(calls[1].ident, "");
-    EXPECT_EQ(calls[1].option, LOG_PID);
-    EXPECT_EQ(calls[1].facility, LOG_WARNING | LOG_USER);
 }
 
 // A record's line number stays decimal whatever the previous record left in the stream; an
@@ -88,8 +72,7 @@ TEST_F(SyslogStreamTest, RecordsCarryTheirOwnPrefixAndFlushOnlyWhenAsked)
     k52app::printFunc("from the driver");
     auto records = capture.records();
     ASSERT_EQ(records.size(), 4u);
-    EXPECT_TRUE(records[0].text.ends_with(":" + std::to_string(line) + ":TestBody] value ff\n"))
-        << records[0].text;
+    EXPECT_TRUE(records[0].text.ends_with(":" + std::to_string(line) + ":TestBody] value ff\n")) << records[0].text;
     EXPECT_EQ(records[0].priority, LOG_WARNING | LOG_USER);
     EXPECT_NE(records[1].text.find("] kept["), std::string::npos) << records[1].text;
     EXPECT_EQ(records[1].priority, LOG_INFO | LOG_USER);
@@ -113,16 +96,8 @@ TEST_F(SyslogStreamTest, ConcurrentRecordsNeverInterleave)
     ASSERT_EQ(records.size(), 2u * perThread);
     for (const auto& r : records) {
         auto body = r.text.substr(r.text.find("] ") + 2);
-        EXPECT_TRUE(body == std::string(40, 'a') + "\n" || body == std::string(40, 'b') + "\n")
-            << body;
+        EXPECT_TRUE(body == std::string(40, 'a') + "\n" || body == std::string(40, 'b') + "\n") << body;
     }
-}
-
-TEST(LogFormat, Hex32IsZeroPaddedLowerCase)
-{
-    EXPECT_EQ(k52app::hex32(0x0510f000), "0x0510f000");
-    EXPECT_EQ(k52app::hex32(0), "0x00000000");
-    EXPECT_EQ(k52app::hex32(0xFFFFFFFF), "0xffffffff");
 }
 
 } // namespace
