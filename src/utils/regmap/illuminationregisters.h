@@ -22,8 +22,8 @@ struct Register {
     static constexpr uint32_t segments = 0x18;
     static constexpr uint32_t enable = 0x1C;
     static constexpr uint32_t white = 0x20;
-    static constexpr uint32_t red = 0x28;
-    static constexpr uint32_t green = 0x24;
+    static constexpr uint32_t red = 0x24;
+    static constexpr uint32_t green = 0x28;
     static constexpr uint32_t blue = 0x2C;
 };
 struct Status {
