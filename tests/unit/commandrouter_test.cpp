@@ -7,18 +7,17 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <sstream>
 #include <thread>
 
 using namespace utils;
 
 namespace {
 
-SpinnerArgumentMetaData numeric(const std::string& name, std::string defaultValue = "",
-                                int64_t count = 1)
+SpinnerArgumentMetaData numeric(const std::string& name, std::string defaultValue = "", int64_t count = 1)
 {
-    return {name, name + " value", SpinnerArgumentType::numerical,
-            SpinnerArgumentNumericalLimit{0, 10, 1}, isNumericalString, std::move(defaultValue),
-            count};
+    return {name, name + " value", SpinnerArgumentType::numerical, SpinnerArgumentNumericalLimit{0, 10, 1},
+            isNumericalString, std::move(defaultValue), count};
 }
 
 // Echoes its arguments so that a test sees exactly what dispatch bound.
@@ -36,15 +35,13 @@ protected:
     {
         router.registerRoute("NoArgs", "takes nothing", {}, echo);
         router.registerRoute("One", "one number", {{IntegerArgumentMetaData}}, echo);
-        router.registerRoute("Defaulted", "period with default", {{numeric("a"), numeric("period", "1000")}},
-                             echo);
+        router.registerRoute("Defaulted", "period with default", {{numeric("a"), numeric("period", "1000")}}, echo);
         router.registerRoute("Pair", "two values", {{numeric("xy", "", 2)}}, echo);
         router.registerRoute("Bounds", "uncounted", {{numeric("mode"), numeric("bounds", "", -1)}}, echo);
         router.registerRoute("Format", "categorical",
                              {{{"fourcc", "pixel format", SpinnerArgumentType::categorical,
                                 std::vector<std::string>{"GREY", "RGB3"},
-                                [](const std::string& s) { return s == "GREY" || s == "RGB3"; }, "",
-                                1}}},
+                                [](const std::string& s) { return s == "GREY" || s == "RGB3"; }, "", 1}}},
                              echo);
     }
     CommandRouter router;
@@ -52,85 +49,61 @@ protected:
 
 TEST_F(CommandRouterTest, BindsArgumentsAsDeclared)
 {
-    struct Case {
-        const char* command;
-        const char* name;
-        const char* bound;
+    const std::pair<const char*, const char*> cases[] = {
+        {"NoArgs extra 1", "[extra][1]"}, // undeclared words reach the handler
+        {"One -1", "[-1]"},               // negatives pass the integer validator
+        {"One", ""},                      // missing: the handler reports it
+        {"  One\t7  ", "[7]"},            // blanks and tabs separate words
+        {"Defaulted 3", "[3][1000]"},     // a declared default fills in
+        {"Defaulted 3 20", "[3][20]"},
+        {"Defaulted", ""},                // nothing before the default: no default
+        {"Pair 1", "[1]"},
+        {"Bounds 1 2 3 4 5", "[1][2][3][4][5]"},
+        {"Format RGB3", "[RGB3]"},
+        {"One 99999999999", "[99999999999]"}, // limits are the handler's business
     };
-    const Case cases[] = {
-        {"NoArgs", "NoArgs", ""},
-        {"NoArgs extra 1", "NoArgs", "[extra][1]"},   // undeclared words reach the handler
-        {"One -1", "One", "[-1]"},                     // negatives pass the integer validator
-        {"One", "One", ""},                            // missing: the handler reports it
-        {"One 5 6", "One", "[5][6]"},
-        {"  One\t7  ", "One", "[7]"},                  // blanks and tabs separate words
-        {"Defaulted 3", "Defaulted", "[3][1000]"},     // a declared default fills in
-        {"Defaulted 3 20", "Defaulted", "[3][20]"},
-        {"Defaulted", "Defaulted", ""},                // nothing before the default: no default
-        {"Pair 1 2", "Pair", "[1][2]"},
-        {"Pair 1", "Pair", "[1]"},
-        {"Bounds 1 2 3 4 5", "Bounds", "[1][2][3][4][5]"},
-        {"Format RGB3", "Format", "[RGB3]"},
-        {"One 99999999999", "One", "[99999999999]"}, // limits are the handler's business
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.command);
-        Spinner spinner = router.dispatch(c.command);
-        EXPECT_EQ(spinner.name(), c.name);
-        EXPECT_EQ(spinner.spin().second, c.bound);
+    for (const auto& [command, bound] : cases) {
+        Spinner spinner = router.dispatch(command);
+        std::string route;
+        std::istringstream(command) >> route;
+        EXPECT_EQ(spinner.name(), route);
+        EXPECT_EQ(spinner.spin().second, bound) << command;
     }
 }
 
 TEST_F(CommandRouterTest, RefusesWithATextNamingWhatWasExpected)
 {
-    struct Case {
-        const char* command;
-        const char* message;
-    };
-    const Case cases[] = {
+    const std::pair<const char*, const char*> cases[] = {
         {"Nope 1", "Unknown route 'Nope'. Send \"help\" for the list of routes."},
         {"one 1", "Unknown route 'one'. Send \"help\" for the list of routes."},
         {"", "Empty command: expected a route name."},
         {"One x", "One: argument 'value' expects a numerical value (-2147483648..2147483647), got 'x'."},
+        {"One 1.5", "One: argument 'value' expects a numerical value (-2147483648..2147483647), got '1.5'."},
         {"Pair 1 b", "Pair: argument 'xy' expects a numerical value (0..10), got 'b'."},
         {"Bounds 1 2 z", "Bounds: argument 'bounds' expects a numerical value (0..10), got 'z'."},
         {"Format YUYV", "Format: argument 'fourcc' expects a categorical value (GREY|RGB3), got 'YUYV'."},
-        {"One 1.5", "One: argument 'value' expects a numerical value (-2147483648..2147483647), got '1.5'."},
     };
-    for (const auto& c : cases) {
-        EXPECT_THAT([&] { router.dispatch(c.command); },
-                    testing::ThrowsMessage<UtilsRuntimeError>(testing::StrEq(c.message)))
-            << c.command;
+    for (const auto& [command, message] : cases)
+        EXPECT_THAT([&] { router.dispatch(command); },
+                    testing::ThrowsMessage<UtilsRuntimeError>(testing::StrEq(message)))
+            << command;
+}
+
+TEST_F(CommandRouterTest, HelpListsRoutesInByteOrderAndDescribesThem)
+{
+    router.registerRoute("aLower", "", {}, echo); // lower case sorts after every upper-case name
+    const std::pair<const char*, SpinnerReply> cases[] = {
+        {"help", {"OK", "7 routes: Bounds Defaulted Format NoArgs One Pair aLower"}},
+        {"help Defaulted",
+         {"OK", "Defaulted - period with default; a: a value [a numerical value (0..10), count 1]; "
+                "period: period value [a numerical value (0..10), default 1000, count 1]"}},
+        {"help Nope", {"Error", "help: unknown route 'Nope'."}},
+    };
+    for (const auto& [command, reply] : cases) {
+        Spinner spinner = router.dispatch(command);
+        EXPECT_EQ(spinner.name(), "help");
+        EXPECT_EQ(spinner.spin(), reply);
     }
-}
-
-TEST_F(CommandRouterTest, HelpListsAndDescribesRoutes)
-{
-    Spinner list = router.dispatch("help");
-    EXPECT_EQ(list.name(), "help");
-    EXPECT_EQ(list.spin().second, "6 routes: Bounds Defaulted Format NoArgs One Pair");
-
-    auto described = router.dispatch("help Defaulted").spin();
-    EXPECT_EQ(described.first, "OK");
-    EXPECT_EQ(described.second,
-              "Defaulted - period with default; a: a value [a numerical value (0..10), count 1]; "
-              "period: period value [a numerical value (0..10), default 1000, count 1]");
-
-    auto unknown = router.dispatch("help Nope").spin();
-    EXPECT_EQ(unknown.first, "Error");
-    EXPECT_EQ(unknown.second, "help: unknown route 'Nope'.");
-}
-
-TEST_F(CommandRouterTest, TableIsOrderedByteWise)
-{
-    router.registerRoute("CaptureStreamStart", "", {}, echo);
-    router.registerRoute("GetXmlDescriptor", "", {}, echo);
-    router.registerRoute("aLower", "", {}, echo);
-    std::vector<std::string> names;
-    for (const auto& [name, route] : router.routes())
-        names.push_back(name);
-    EXPECT_TRUE(std::is_sorted(names.begin(), names.end()));
-    EXPECT_EQ(names.back(), "aLower"); // lower case sorts after every upper-case name
 }
 
 TEST(SpinnerPool, FifoAndBoundedEmptyWait)
@@ -139,9 +112,8 @@ TEST(SpinnerPool, FifoAndBoundedEmptyWait)
     for (const char* name : {"a", "b", "c"})
         pool.enqueue(Spinner(name, echo, {}));
     EXPECT_EQ(pool.size(), 3u);
-    EXPECT_EQ(pool.dequeue().name(), "a");
-    EXPECT_EQ(pool.dequeue().name(), "b");
-    EXPECT_EQ(pool.dequeue().name(), "c");
+    for (const char* name : {"a", "b", "c"})
+        EXPECT_EQ(pool.dequeue().name(), name);
 
     auto start = std::chrono::steady_clock::now();
     EXPECT_THAT([&] { pool.dequeue(); }, testing::ThrowsMessage<UtilsException>("SpinnerPool is empty."));
@@ -153,12 +125,11 @@ TEST(SpinnerPool, FifoAndBoundedEmptyWait)
 TEST(SpinnerPool, WaitingConsumerWakesOnEnqueue)
 {
     SpinnerPool pool;
-    std::thread producer([&] {
+    std::jthread producer([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
         pool.enqueue(Spinner("late", echo, {}));
     });
     EXPECT_EQ(pool.dequeue().name(), "late");
-    producer.join();
 }
 
 } // namespace

@@ -75,7 +75,6 @@ TEST(I2CRoutes, RegisterAccessAndBusFailures)
         {"SetI2C 4 80 16 171", "OK", "register 16 = 171"},
         {"GetI2C 3 80 16", "OK", "register 16 = 255"}, // another bus, still erased
         {"GetI2C 3 81 1", "Error", failed},     // nobody at that address
-        {"SetI2C 2 72 0 5", "Error", failed},   // read-only register
         {"GetI2C 3 336 1", "Error", failed},    // 336 would wrap onto 80 as a byte
         {"SetI2C 4 80 272 7", "Error", failed}, // 272 would wrap onto offset 16
         {"SetI2C 4 80 17 -1", "Error", failed},
@@ -134,14 +133,16 @@ protected:
 TEST_F(ButtonRoute, EdgesBecomeColouredNoticesInOrder)
 {
     k52test::SyslogCapture capture;
-    auto client = connect();
     // A second enable replaces the callbacks: still one notice per edge.
     expectExchanges(h, {{"MonitorButton 1", "OK", "button monitor enabled."},
                         {"MonitorButton 1", "OK", "button monitor enabled."}});
     chip().press();
+    std::this_thread::sleep_for(200ms); // an edge with nobody to tell breaks nothing
+    auto client = connect();
     chip().release();
-    for (auto [text, color] : {std::pair{"Button : Rising Edge Detected.", 0xFF9D00u},
-                               {"Button : Falling Edge Detected.", 0x3B65E3u}}) {
+    chip().press();
+    for (auto [text, color] : {std::pair{"Button : Falling Edge Detected.", 0x3B65E3u},
+                               {"Button : Rising Edge Detected.", 0xFF9D00u}}) {
         k52client::Notice notice = client->readNotice(2000ms);
         EXPECT_EQ(notice.message, text);
         EXPECT_EQ(notice.color, color);
@@ -152,8 +153,8 @@ TEST_F(ButtonRoute, EdgesBecomeColouredNoticesInOrder)
     for (const auto& record : capture.records())
         if (record.text.find("Edge Detected !") != std::string::npos)
             edges.emplace_back(LOG_PRI(record.priority), record.text.substr(record.text.rfind("] ") + 2));
-    EXPECT_EQ(edges, (std::vector<std::pair<int, std::string>>{{LOG_WARNING, "Button : Rising Edge Detected !\n"},
-                                                               {LOG_INFO, "Button : Falling Edge Detected !\n"}}));
+    const std::pair<int, std::string> rising{LOG_WARNING, "Button : Rising Edge Detected !\n"};
+    EXPECT_EQ(edges, (decltype(edges){rising, {LOG_INFO, "Button : Falling Edge Detected !\n"}, rising}));
 }
 
 // Two workers switch the monitor on and off at once; every command succeeds and, after the
@@ -176,22 +177,15 @@ TEST_F(ButtonRoute, DisabledMonitoringSendsNothing)
     EXPECT_THROW(client->readNotice(300ms), std::runtime_error);
 }
 
-TEST_F(ButtonRoute, PressWithoutClientAndDeviceFailures)
+TEST_F(ButtonRoute, ArgumentAndDeviceFailures)
 {
-    expectExchanges(h, {{"MonitorButton 1", "OK", "button monitor enabled."}});
-    chip().press();
-    std::this_thread::sleep_for(200ms); // let the event thread try to send
-    auto client = connect();
-    chip().release();
-    EXPECT_EQ(client->readNotice(2000ms).message, "Button : Falling Edge Detected.");
-
     EXPECT_THROW(h.run("MonitorButton"), std::out_of_range);
     EXPECT_THROW(h.run("MonitorButton on"), utils::UtilsRuntimeError);
-    h.run("MonitorButton 0");
     h.board().faults().inject(GPIOChip::path, Fault::openFails);
     auto [status, message] = h.run("MonitorButton 1");
     EXPECT_EQ(status, "ErrorIOException");
     EXPECT_THAT(message, StartsWith("Failed"));
+    h.board().faults().clear(GPIOChip::path);
 }
 
 } // namespace

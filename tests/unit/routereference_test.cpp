@@ -11,8 +11,6 @@
 
 namespace {
 
-using testing::HasSubstr;
-
 const char* const referencePath = K52_SOURCE_DIR "/docs/routes.md";
 
 utils::SpinnerReply noReply(const std::vector<std::string>&) { return {"OK", ""}; }
@@ -44,10 +42,8 @@ TEST(RouteReference, RendersEachKindOfArgument)
         "\n"
         "## Zeta\n\nComes last.\n\n```\nZeta\n```\n\nNo arguments.\n\n";
     std::string reference = k52app::renderRouteReference(router);
-    EXPECT_THAT(reference, testing::StartsWith("# Route reference\n"));
-    EXPECT_THAT(reference, HasSubstr("The daemon accepts 2 routes on its control socket."));
-    ASSERT_NE(reference.find("## Alpha"), std::string::npos);
-    EXPECT_EQ(reference.substr(reference.find("## Alpha")), expected);
+    EXPECT_THAT(reference, testing::StartsWith("# Route reference\n\nThe daemon accepts 2 routes on its control socket."));
+    EXPECT_THAT(reference, testing::EndsWith("\n" + expected));
 }
 
 // docs/routes.md is the daemon's route table rendered; it must follow every change of a route.
@@ -59,7 +55,6 @@ TEST(RouteReference, DocumentMatchesTheRouteTable)
     const char* update = std::getenv("K52_UPDATE_ROUTE_REFERENCE");
     if (update && std::string(update) == "1") {
         std::ofstream(referencePath, std::ios::binary | std::ios::trunc) << rendered;
-        SUCCEED() << "rewrote " << referencePath;
         return;
     }
     std::ifstream file(referencePath, std::ios::binary);
