@@ -1,6 +1,6 @@
-#include "utils/io/filedescriptor.h"
-#include "utils/io/mappedregion.h"
+#include "utils/platform/filedescriptor.h"
 #include "utils/platform/kernel.h"
+#include "utils/platform/mappedregion.h"
 
 #include <gtest/gtest.h>
 
@@ -26,80 +26,51 @@ public:
     int ioctl(int, unsigned long, void*) override { return -1; }
     void* mmap(void*, size_t, int, int, int, off_t) override { return MAP_FAILED; }
     int poll(struct pollfd*, nfds_t, int) override { return -1; }
-    int close(int fd) override
-    {
-        closed.push_back(fd);
-        return 0;
-    }
-    int munmap(void* address, size_t length) override
-    {
-        unmapped.push_back({address, length});
-        return 0;
-    }
+    int close(int fd) override { return closed.push_back(fd), 0; }
+    int munmap(void* address, size_t length) override { return unmapped.push_back({address, length}), 0; }
     std::vector<int> closed;
     std::vector<std::pair<void*, size_t>> unmapped;
 };
 
-class OwnersTest : public ::testing::Test {
-protected:
-    void SetUp() override { utils::platform::installKernel(board); }
-    void TearDown() override { utils::platform::installKernel(nullptr); }
-    std::shared_ptr<RecordingBoard> board = std::make_shared<RecordingBoard>();
-};
-
-TEST_F(OwnersTest, EachDescriptorGoesBackToTheSeamExactlyOnce)
+TEST(Owners, EachDescriptorAndMappingGoesBackExactlyOnce)
 {
-    struct Case {
-        const char* what;
-        std::function<void()> run;
-        std::vector<int> closed;
+    auto board = std::make_shared<RecordingBoard>();
+    utils::platform::installKernel(board);
+    const std::pair<std::function<void()>, std::vector<int>> cases[] = {
+        {[] { FileDescriptor fd(7); }, {7}},
+        {[] { FileDescriptor a(7); FileDescriptor b(std::move(a)); }, {7}},
+        {[] { FileDescriptor a(7), b(8); b = std::move(a); }, {8, 7}},
+        {[] { FileDescriptor a(7); a.reset(8); }, {7, 8}},
+        {[] { FileDescriptor a(7); EXPECT_EQ(a.release(), 7); }, {}},
+        {[] { FileDescriptor a(-1); a.reset(); }, {}},
     };
-    const std::vector<Case> cases = {
-        {"destroyed", [] { FileDescriptor fd(7); }, {7}},
-        {"moved from", [] { FileDescriptor a(7); FileDescriptor b(std::move(a)); }, {7}},
-        {"assigned over",
-         [] {
-             FileDescriptor a(7), b(8);
-             b = std::move(a);
-         },
-         {8, 7}},
-        {"reset to another", [] { FileDescriptor a(7); a.reset(8); }, {7, 8}},
-        {"released", [] { FileDescriptor a(7); EXPECT_EQ(a.release(), 7); }, {}},
-        {"never owned one", [] { FileDescriptor a(-1); a.reset(); }, {}},
-    };
-    for (const auto& c : cases) {
+    for (const auto& [run, closed] : cases) {
         board->closed.clear();
-        c.run();
-        EXPECT_EQ(board->closed, c.closed) << c.what;
+        run();
+        EXPECT_EQ(board->closed, closed);
     }
-}
 
-TEST_F(OwnersTest, SystemDescriptorsBypassTheSeam)
-{
+    // The system closer travels with the descriptor and never reaches the seam.
     int raw = ::eventfd(0, EFD_CLOEXEC);
     ASSERT_GE(raw, 0);
+    board->closed.clear();
     {
         FileDescriptor a(raw, FileDescriptor::Closer::system);
-        FileDescriptor b(std::move(a)); // the closer travels with the descriptor
+        FileDescriptor b(std::move(a));
     }
     EXPECT_TRUE(board->closed.empty());
     EXPECT_EQ(::fcntl(raw, F_GETFD), -1) << "descriptor " << raw << " still open";
-}
 
-TEST_F(OwnersTest, EachMappingIsUnmappedOnceWithItsLength)
-{
     int cell[2];
     {
         MappedRegion failed(MAP_FAILED, 64);
         EXPECT_FALSE(failed);
-        MappedRegion a(&cell[0], 64);
-        MappedRegion b(&cell[1], 32);
+        MappedRegion a(&cell[0], 64), b(&cell[1], 32);
         b = std::move(a);
         EXPECT_EQ(b.as<int>(), &cell[0]);
-        EXPECT_EQ(b.size(), 64u);
     }
-    using Unmap = std::pair<void*, size_t>;
-    EXPECT_EQ(board->unmapped, (std::vector<Unmap>{{&cell[1], 32}, {&cell[0], 64}}));
+    EXPECT_EQ(board->unmapped, (std::vector<std::pair<void*, size_t>>{{&cell[1], 32}, {&cell[0], 64}}));
+    utils::platform::installKernel(nullptr);
 }
 
 } // namespace
