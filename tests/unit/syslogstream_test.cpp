@@ -12,15 +12,18 @@ using k52test::SyslogCapture;
 
 namespace {
 
+// Works the global stream under its lock, as the daemon's writers do.
+template <typename Use>
+void withLog(Use use)
+{
+    std::lock_guard lock(k52app::log.mutex);
+    use(k52app::log);
+}
+
 // Leaves the global stream as the daemon starts it, whatever a test did.
 class SyslogStreamTest : public ::testing::Test {
 protected:
-    void TearDown() override
-    {
-        std::lock_guard lock(k52app::log.mutex);
-        k52app::log << k52app::user << k52app::info;
-        k52app::log.flush();
-    }
+    void TearDown() override { withLog([](auto& log) { log << k52app::user << k52app::info; log.flush(); }); }
 };
 
 // Each change of severity or facility reopens the connection, without an ident.
@@ -31,21 +34,15 @@ TEST_F(SyslogStreamTest, FlushSendsOneRecordWithSeverityAndFacility)
         {k52app::kern, LOG_CRIT | LOG_KERN}, {k52app::authpriv, LOG_CRIT | LOG_AUTHPRIV}};
     for (const auto& [facility, priority] : cases) {
         SyslogCapture capture;
-        {
-            std::lock_guard lock(k52app::log.mutex);
-            k52app::log << k52app::warn << facility << k52app::crit << "abc" << std::endl;
-        }
+        withLog([&](auto& log) { log << k52app::warn << facility << k52app::crit << "abc" << std::endl; });
         const auto records = capture.records();
         ASSERT_EQ(records.size(), 1u);
-        EXPECT_EQ(records[0].priority, priority);
-        EXPECT_EQ(records[0].text, "abc\n");
-        EXPECT_EQ(records[0].format, "%s");
+        EXPECT_EQ(std::tie(records[0].priority, records[0].text, records[0].format), std::tie(priority, "abc\n", "%s"));
         const auto calls = capture.calls();
         ASSERT_EQ(calls.size(), 6u);
-        EXPECT_EQ(calls[0].kind, k52test::SyslogCall::Kind::close);
-        EXPECT_EQ(calls[1].kind, k52test::SyslogCall::Kind::open);
-        EXPECT_EQ(calls[1].ident, "");
-        EXPECT_EQ(calls[1].option, LOG_PID);
+        using enum k52test::SyslogCall::Kind;
+        EXPECT_EQ(std::tie(calls[0].kind, calls[1].kind, calls[1].ident, calls[1].option),
+                  std::tuple(close, open, "", LOG_PID));
         EXPECT_EQ(calls[5].facility, priority);
     }
 }
@@ -56,19 +53,13 @@ TEST_F(SyslogStreamTest, FlushSendsOneRecordWithSeverityAndFacility)
 TEST_F(SyslogStreamTest, RecordsCarryTheirOwnPrefixAndFlushOnlyWhenAsked)
 {
     SyslogCapture capture;
-    {
-        std::lock_guard lock(k52app::log.mutex);
-        k52app::log << std::hex;
-    }
+    withLog([](auto& log) { log << std::hex; });
     K52_LOG(warn) << "value " << std::hex << 255;
     const int line = __LINE__ - 1;
     K52_LOG_UNFLUSHED(err) << "kept";
     EXPECT_EQ(capture.records().size(), 1u) << "an unflushed record is not sent";
     K52_LOG(info) << "next";
-    {
-        std::lock_guard lock(k52app::log.mutex);
-        k52app::log.flush();
-    }
+    withLog([](auto& log) { log.flush(); });
     k52app::printFunc("from the driver");
     auto records = capture.records();
     ASSERT_EQ(records.size(), 4u);
