@@ -1,4 +1,3 @@
-#include "client/descriptor.h"
 #include "client/framestream.h"
 #include "client/notice.h"
 #include "support/bytes.h"
@@ -53,39 +52,19 @@ std::string frameMessage(uint32_t width, uint32_t height, uint32_t pixelFormat)
     return bytes;
 }
 
-std::string descriptorMessage(const std::string& xml)
-{
-    const auto used = static_cast<uint32_t>(21 + xml.size());
-    std::string bytes(229376, '\0');
-    put(bytes, 0, 0x0510FFFF);
-    put(bytes, 4, used);
-    put(bytes, 8, 0x052A0201);
-    put(bytes, 12, used - 12);
-    std::memcpy(bytes.data() + 16, xml.data(), xml.size());
-    put(bytes, used - 4, zlibCrc(bytes, used - 4));
-    put(bytes, 229372, zlibCrc(bytes, used - 4));
-    return bytes;
-}
-
 const std::string example = "<font color=#121212>[26-11-14 00:05:09] k52app-v1.3.1@unknown-host "
                             "<\\font><font color=#3b65e3>Hello<\\font>";
 
 // Each check of the decoders, by one damaged byte; npos: the message as built, accepted.
 TEST(Wire, DecodersAcceptWellFormedMessagesAndNameEachDamage)
 {
-    const std::string ack = ackFrame(example), frame = frameMessage(4, 3, 1), descriptor = descriptorMessage("<device/>");
+    const std::string ack = ackFrame(example), frame = frameMessage(4, 3, 1);
     auto unpackFrame = [](const std::string& m) { EXPECT_EQ(k52client::unpackFrame(m), example); };
     auto verify = [](const std::string& m) {
         auto f = k52client::FrameStream::verify(reinterpret_cast<const uint8_t*>(m.data()), m.size());
         EXPECT_EQ(std::vector<uint32_t>({f.width, f.height, f.pixelFormat, static_cast<uint32_t>(f.size), f.crc}),
                   std::vector<uint32_t>({4, 3, 1, 12, word(m, 2256)}));
         EXPECT_EQ(f.data, reinterpret_cast<const uint8_t*>(m.data()) + 2244);
-    };
-    auto unpackDescriptor = [](const std::string& m) {
-        auto d = k52client::unpackXmlDescriptor(m);
-        EXPECT_EQ(d.document, "<device/>");
-        EXPECT_EQ(d.usedLength, 30u);
-        EXPECT_EQ(d.checksum, word(m, 26));
     };
     const struct {
         const std::string& message;
@@ -107,8 +86,6 @@ TEST(Wire, DecodersAcceptWellFormedMessagesAndNameEachDamage)
         {frame, verify, 2236, "frame data identifier"},
         {frame, verify, 2240, "data length field"},
         {frame, verify, 2250, "CRC"},
-        {descriptor, unpackDescriptor, std::string::npos, ""},
-        {descriptor, unpackDescriptor, 20, "checksum"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.error << " at " << c.offset);
@@ -135,21 +112,6 @@ TEST(Wire, EncodersWriteTheDocumentedBytes)
     utils::wire::AckFrameBuffer buffer{};
     EXPECT_THAT([&] { utils::wire::encodeAckFrame(buffer, std::string(4076, 'x')); },
                 testing::ThrowsMessage<utils::UtilsError>("Acknowledgement message is too big."));
-
-    // Only the per-frame words are the encoders' to write; the rest stays as it was.
-    const std::string frame = frameMessage(5, 2, 7);
-    std::string header = frame;
-    for (size_t offset : {4, 2224, 2228, 2232, 2240})
-        put(header, offset, 0);
-    utils::wire::encodeFrameHeader(header.data(), 5, 2, 7, 10);
-    EXPECT_EQ(header, frame);
-
-    const std::string descriptor = descriptorMessage("<device><a/></device>");
-    std::string sealed = descriptor;
-    for (size_t offset : {4, 12, 38, 229372})
-        put(sealed, offset, 0);
-    EXPECT_EQ(utils::wire::sealDescriptorMessage(reinterpret_cast<uint8_t*>(sealed.data())), word(descriptor, 38));
-    EXPECT_EQ(sealed, descriptor);
 }
 
 // Replies and their colours are checked end to end; here the notices a stream client must skip
