@@ -14,22 +14,16 @@
 
 namespace {
 
-// argv as a C caller builds it; the strings live as long as the object.
-class Arguments {
-public:
-    explicit Arguments(std::vector<std::string> words) : words_(std::move(words))
-    {
-        for (auto& word : words_)
-            pointers_.push_back(word.data());
-        pointers_.push_back(nullptr);
-    }
-    int argc() const { return static_cast<int>(words_.size()); }
-    char* const* argv() { return pointers_.data(); }
-
-private:
-    std::vector<std::string> words_;
-    std::vector<char*> pointers_;
-};
+// Calls `use(argc, argv)` with argv built as a C caller builds it.
+template <typename Use>
+auto withArguments(std::vector<std::string> words, Use use)
+{
+    std::vector<char*> argv;
+    for (auto& word : words)
+        argv.push_back(word.data());
+    argv.push_back(nullptr);
+    return use(static_cast<int>(words.size()), argv.data());
+}
 
 struct HandleDeleter {
     void operator()(ConfigParserHandle* handle) const { ConfigParser_destroy(handle); }
@@ -38,14 +32,14 @@ using Handle = std::unique_ptr<ConfigParserHandle, HandleDeleter>;
 
 Handle create(std::vector<std::string> words)
 {
-    Arguments arguments(std::move(words));
-    return Handle(ConfigParser_create(arguments.argc(), arguments.argv()));
+    return Handle(withArguments(std::move(words), ConfigParser_create));
 }
 
 int reload(ConfigParserHandle* handle, const std::string& file)
 {
-    Arguments arguments({"k52app", "-c", file});
-    return ConfigParser_loadFromArguments(handle, arguments.argc(), arguments.argv());
+    return withArguments({"k52app", "-c", file}, [&](int argc, char* const* argv) {
+        return ConfigParser_loadFromArguments(handle, argc, argv);
+    });
 }
 
 // Values come from the file and the command line. A missing key is inserted empty, and an
