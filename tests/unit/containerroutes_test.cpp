@@ -84,7 +84,8 @@ TEST_F(ContainerRoutes, XmlDescriptorRefreshReplacesTheOldStatus)
     ASSERT_NE(status.ToElement(), nullptr);
     EXPECT_EQ(status.ToElement()->NextSiblingElement("status"), nullptr) << "one status element";
     EXPECT_EQ(status.FirstChildElement("imx").ToElement()->NextSiblingElement("imx"), nullptr);
-    for (auto [name, value] : {std::pair{"exposure", "4321"}, {"roiX", "12"}, {"roiY", "34"}, {"model", "imx296"}})
+    for (auto [name, value] : {std::pair{"exposure", "4321"}, {"roiX", "12"}, {"roiY", "34"}, {"model", "imx296"},
+                                    {"sensorType", "monochrome"}, {"width", "1456"}})
         EXPECT_EQ(text(status.FirstChildElement("imx").FirstChildElement(name)), value) << name;
     EXPECT_NE(status.FirstChildElement("rtu").FirstChildElement().ToElement(), nullptr);
     // The route help as rendered on demand: arguments as parameters, in order.
@@ -116,10 +117,8 @@ TEST_F(ContainerRoutes, XmlDescriptorFailuresSendNothing)
 TEST_F(ContainerRoutes, StaticFramesLandInTheFrameAreaAndOnTheStreamSocket)
 {
     auto stream = connectStream();
-    const struct {
-        const char* name;
-        uint32_t width, height, pixelFormat, channels;
-    } cases[] = {{"gradient-640x480.pgm", 640, 480, 1, 1}, {"colourbars-320x240.ppm", 320, 240, 7, 3}};
+    const struct { const char* name; uint32_t width, height, pixelFormat, channels; } cases[] = {
+        {"gradient-640x480.pgm", 640, 480, 1, 1}, {"colourbars-320x240.ppm", 320, 240, 7, 3}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         auto [status, reply] = h.run(std::string("GetStaticFrame ") + c.name);

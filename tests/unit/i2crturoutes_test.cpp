@@ -37,12 +37,7 @@ TEST(I2CRTURoutes, SettersWriteTheirRegistersAndGettersReadThem)
         }));
     // Routes are "SetI2CRTU<name> <argument>" and "GetI2CRTU<name>"; the get reply's text
     // follows "RTU Analog Output ".
-    struct Case {
-        const char *name, *argument, *setReply;
-        uint8_t reg;
-        unsigned short value;
-        const char* getReply;
-    };
+    struct Case { const char *name, *argument, *setReply; uint8_t reg; unsigned short value; const char* getReply; };
     const Case cases[] = {
         {"AnalogOutputState", "1", "Analog output enabled", 14, 0x1000, "State: enabled"},
         {"AnalogOutputState", "0", "Analog output disabled", 14, 0, "State: disabled"},

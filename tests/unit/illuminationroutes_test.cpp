@@ -1,12 +1,13 @@
 #include "support/board.h"
+#include "support/bytes.h"
 #include "support/routerharness.h"
 #include "support/throws.h"
 #include "utils/base/exceptions.h"
 #include "utils/io/ioautofocus.h"
 #include "utils/io/ioillumination.h"
-#include "utils/io/registeraccess.h"
 #include "utils/platform/emulated/autofocusmodel.h"
 #include "utils/platform/emulated/illuminationmodel.h"
+#include "utils/regmap/registeraccess.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -115,13 +116,7 @@ TEST(IlluminationAndAutoFocusRoutes, DeviceErrorsAppendIOExceptionToTheStartingW
 // The modules alone: what the routes cannot show.
 class ModuleTest : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        attachIllumination(*board_);
-        attachAutoFocus(*board_);
-        illumination_.open();
-        autofocus_.open();
-    }
+    void SetUp() override { attachIllumination(*board_); attachAutoFocus(*board_); illumination_.open(); autofocus_.open(); }
 
     // A register as another process sees it: the little-endian word at its address.
     uint32_t rawRegister(const char* path, uint32_t address)
@@ -130,7 +125,7 @@ protected:
         int fd = kernel().open(path, O_RDWR);
         EXPECT_EQ(kernel().ioctl(fd, K52_REGISTER_READ, &request), 0);
         kernel().close(fd);
-        return request.data[0] | request.data[1] << 8 | request.data[2] << 16 | uint32_t(request.data[3]) << 24;
+        return k52test::word(request.data, 0);
     }
 
     k52test::InstalledBoard board_; // first: the devices close through it
@@ -141,11 +136,7 @@ protected:
 // The routes' tests pin ranges and read-back; here the register each setting lands in.
 TEST_F(ModuleTest, SettingsLandInTheirRegisters)
 {
-    struct Case {
-        std::function<void()> set;
-        const char* path;
-        uint32_t address, value;
-    };
+    struct Case { std::function<void()> set; const char* path; uint32_t address, value; };
     const Case cases[] = {
         {[&] { illumination_.setMode(0x1234); }, illuminationPath, 0x14, 0x1234},
         {[&] { illumination_.setSegments(9); }, illuminationPath, 0x18, 9},
@@ -176,15 +167,9 @@ TEST_F(ModuleTest, AutoFocusSweepRunsInTheBackground)
 // I/O errors on every route are the routes' test's; here what the modules say about the rest.
 TEST_F(ModuleTest, InjectedFaultsBecomeIOErrors)
 {
-    struct Case {
-        const char* path;
-        Fault fault;
-        std::function<void()> call;
-        const char* text;
-    };
+    struct Case { const char* path; Fault fault; std::function<void()> call; const char* text; };
     const Case cases[] = {
-        {illuminationPath, Fault::openFails, [] { IOIllumination(illuminationPath).open(); },
-         "Unable to open '/dev/k52illum'"},
+        {illuminationPath, Fault::openFails, [] { IOIllumination(illuminationPath).open(); }, "Unable to open '/dev/k52illum'"},
         {autofocusPath, Fault::timeout, [&] { autofocus_.reset(); }, "Timed out"},
         {"", Fault::none, [] { IOAutoFocus(autofocusPath).getPosition(); }, "not open"},
     };

@@ -89,11 +89,7 @@ std::tuple<int, int, unsigned, unsigned> deviceCrop()
 TEST(V4L2Routes, CropReachesTheDevice)
 {
     k52test::RouterHarness h;
-    const struct {
-        const char* command;
-        const char* message;
-        std::tuple<int, int, unsigned, unsigned> crop;
-    } cases[] = {
+    const struct { const char* command; const char* message; std::tuple<int, int, unsigned, unsigned> crop; } cases[] = {
         {"SetV4L2CropCapabilities 8 16 320 240 99", "SetV4L2Crop: Set crop to left=8, top=16, width=320, height=240",
          {8, 16, 320, 240}},
         // Fewer than four values is no rectangle at all: the default crop.

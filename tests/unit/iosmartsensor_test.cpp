@@ -89,11 +89,7 @@ TEST_F(SmartSensorTest, BadFirmwareFilesAreRejectedBeforeTheSensorRunsThem)
     flipped[500] ^= 0x01;
     std::string badMagic = good;
     badMagic[3] = 'X';
-    struct Case {
-        const char* name;
-        std::string image;
-        const char* text;
-    };
+    struct Case { const char* name; std::string image; const char* text; };
     const Case cases[] = {
         {"empty", "", "too short"},
         {"bad magic", badMagic, "bad magic"},

@@ -2,10 +2,9 @@
 #include "support/bytes.h"
 #include "support/throws.h"
 #include "utils/base/exceptions.h"
-#include "utils/io/filedescriptor.h"
 #include "utils/io/iotof.h"
-#include "utils/platform/emulated/board.h"
 #include "utils/platform/emulated/tofmodel.h"
+#include "utils/platform/filedescriptor.h"
 
 #include <gtest/gtest.h>
 #include <zlib.h>
@@ -26,20 +25,14 @@ using namespace utils::platform::emulated;
 
 constexpr const char* tofPath = "/dev/k52tof";
 // The two register requests, as documented for C clients.
-constexpr unsigned long readRequest = 0xC108B900;
-constexpr unsigned long writeRequest = 0x4108B901;
+constexpr unsigned long readRequest = 0xC108B900, writeRequest = 0x4108B901;
 
 class ToFTest : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        attachToF(*board_);
-        tof_.init_tof_sensor();
-    }
+    void SetUp() override { attachToF(*board_); tof_.init_tof_sensor(); }
 
-    // One request on the device node as a C client on the board makes it, the record laid
-    // out by hand: u32 address at 0, u32 length at 4, the data from 8, 264 bytes in all.
-    // `data` goes in and comes back; returns the errno, 0 on success.
+    // One request as a C client makes it, the record laid out by hand: u32 address at 0, u32
+    // length at 4, the data from 8, 264 bytes in all. `data` goes in and comes back; returns errno.
     int rawRequest(unsigned long request, uint32_t address, uint32_t length, std::vector<uint8_t>& data)
     {
         std::array<uint8_t, 264> record{};
@@ -58,6 +51,7 @@ protected:
         return bytes;
     }
     uint32_t rawRegister(uint32_t address) { return k52test::word(rawRead(address, 4).data(), 0); }
+    uint32_t status(uint32_t mask) { return rawRegister(0x04) & mask; }
 
     k52test::InstalledBoard board_; // first: the devices close through it
     IOToF tof_{tofPath};
@@ -65,15 +59,9 @@ protected:
 
 TEST_F(ToFTest, RawRequestsAreCheckedAndAnswered)
 {
-    EXPECT_EQ(rawRegister(0x04) & 1u, 1u) << "STATUS.BOOTED";
-    struct Case {
-        const char* what;
-        unsigned long request;
-        uint32_t address;
-        uint32_t length;
-        std::vector<uint8_t> data; // in, and expected back when it worked
-        int error;
-    };
+    EXPECT_EQ(status(1), 1u) << "STATUS.BOOTED";
+    // data: in, and expected back when it worked
+    struct Case { const char* what; unsigned long request; uint32_t address, length; std::vector<uint8_t> data; int error; };
     const Case cases[] = {
         {"identity", readRequest, 0x00, 4, {0x01, 0x00, 0x52, 0x4B}, 0},
         {"frequency", writeRequest, 0x10, 4, {7, 0, 0, 0}, 0},
@@ -90,13 +78,9 @@ TEST_F(ToFTest, RawRequestsAreCheckedAndAnswered)
         {"a record of another size", 0xC008B900, 0x10, 4, {}, ENOTTY},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
-        std::vector<uint8_t> data =
-            c.request == writeRequest ? c.data : std::vector<uint8_t>(c.data.size());
-        EXPECT_EQ(rawRequest(c.request, c.address, c.length, data), c.error);
-        if (!c.error) {
-            EXPECT_EQ(data, c.data);
-        }
+        std::vector<uint8_t> data = c.request == writeRequest ? c.data : std::vector<uint8_t>(c.data.size());
+        EXPECT_EQ(rawRequest(c.request, c.address, c.length, data), c.error) << c.what;
+        EXPECT_TRUE(c.error || data == c.data) << c.what;
     }
 }
 
@@ -125,7 +109,7 @@ TEST_F(ToFTest, CalibrationAppliesTheFactoryOffsetsWhoseChecksumIsZlibCompatible
     auto offsets = rawRead(0x100, 128);
     EXPECT_EQ(rawRegister(0x180), crc32(0, offsets.data(), offsets.size()));
     tof_.apply_calibration();
-    EXPECT_EQ(rawRegister(0x04) & 0x8u, 0x8u) << "STATUS.CALIBRATED";
+    EXPECT_EQ(status(0x8), 0x8u) << "STATUS.CALIBRATED";
     EXPECT_EQ(rawRead(0x200, 128), offsets);
 }
 
@@ -133,7 +117,7 @@ TEST_F(ToFTest, CorruptFactoryCalibrationIsRejected)
 {
     std::dynamic_pointer_cast<ToFModel>(board_->device(tofPath))->corruptFactoryCalibration();
     EXPECT_THAT([&] { tof_.apply_calibration(); }, throwsWith<utils::UtilsRuntimeError>("corrupt"));
-    EXPECT_EQ(rawRegister(0x04) & 0x8u, 0u) << "nothing may be applied";
+    EXPECT_EQ(status(0x8), 0u) << "nothing may be applied";
 }
 
 TEST_F(ToFTest, ShotsRangeOnlyWhileAsked)
@@ -142,23 +126,21 @@ TEST_F(ToFTest, ShotsRangeOnlyWhileAsked)
     EXPECT_TRUE(tof_.results().empty());
     tof_.shot();
     EXPECT_EQ(tof_.results().size(), 16u);
-    EXPECT_EQ(rawRegister(0x04) & 0x2u, 0u) << "a single shot must stop ranging again";
+    EXPECT_EQ(status(0x2), 0u) << "a single shot must stop ranging again";
     tof_.start_ranging();
     tof_.shot();
-    EXPECT_EQ(rawRegister(0x04) & 0x2u, 0x2u) << "ranging continues between shots";
+    EXPECT_EQ(status(0x2), 0x2u) << "ranging continues between shots";
     EXPECT_THAT([&] { tof_.xtalk_calibration(); }, throwsWith<utils::UtilsRuntimeError>("stop ranging"));
     tof_.stop_ranging();
-    EXPECT_EQ(rawRegister(0x04) & 0x2u, 0u);
-
+    EXPECT_EQ(status(0x2), 0u);
     tof_.set_calibration_nb_samples(20);
     tof_.xtalk_calibration();
-    EXPECT_EQ(rawRegister(0x04) & 0x30u, 0x20u) << "not busy, result valid";
-
+    EXPECT_EQ(status(0x30), 0x20u) << "not busy, result valid";
     // A shot that never completes times out and stops ranging.
     board_->faults().inject(tofPath, Fault::timeout);
     EXPECT_THROW(tof_.shot(), utils::IOError);
     board_->faults().clear(tofPath);
-    EXPECT_EQ(rawRegister(0x04) & 0x2u, 0u);
+    EXPECT_EQ(status(0x2), 0u);
 }
 
 // An open failure is the routes' test's; this one happens while the sensor boots.

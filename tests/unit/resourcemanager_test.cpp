@@ -105,11 +105,8 @@ TEST(ResourceManager, PublishesTheEmulatedBoardInTheXmlContainer)
 
 TEST(ResourceManager, StartUpLogsEveryDeviceAndToleratesSomeFailures)
 {
-    struct Case {
-        const char* fault; // null: a healthy board
-        const char* path;
-        const char* line;
-    };
+    // fault null: a healthy board
+    struct Case { const char* fault; const char* path; const char* line; };
     const Case cases[] = {
         {nullptr, "", "RTU initialized with CMOS chip 'imx296'"},
         {"emulated-fault-open", "/dev/k52rtu", "K52ResourceManager: RTU initialization failed: "},
@@ -141,11 +138,8 @@ TEST(ResourceManager, StartUpLogsEveryDeviceAndToleratesSomeFailures)
 
 TEST(ResourceManager, FatalConfigurationAndDeviceFailures)
 {
-    struct Case {
-        EmulatedConfig::Overrides overrides;
-        const char* message; // null: the device's IOError
-        bool configNotFound;
-    };
+    // message null: the device's IOError
+    struct Case { EmulatedConfig::Overrides overrides; const char* message; bool configNotFound; };
     const char* const sockets = "K52ResourceManager: 'socket-ctrl' or 'socket-ctrl' have invalid values";
     const Case cases[] = {
         {{{"tof-path", std::nullopt}}, "map::at", true},

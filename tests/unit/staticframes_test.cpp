@@ -39,11 +39,7 @@ TEST(StaticFrames, LoadsTheShippedFrames)
 // One bad file refuses the whole directory, naming the file and what is wrong with it.
 TEST(StaticFrames, MalformedImagesAndMissingDirectoriesAreRefusedByName)
 {
-    const struct {
-        const char* name;
-        std::string bytes;
-        const char* reason;
-    } cases[] = {
+    const struct { const char* name; std::string bytes; const char* reason; } cases[] = {
         {"ascii.pgm", "P2\n2 1\n255\n0 1\n", "P5"},
         {"sixteen-bit.pgm", "P5\n1 1\n65535\n\x01\x02", "maximum value 65535"},
         {"truncated.ppm", "P6\n2 2\n255\n" + std::string(11, 'x'), "11 of 12"},
