@@ -1,20 +1,36 @@
+#include "support/board.h"
 #include "support/routerharness.h"
+#include "support/throws.h"
 #include "utils/base/exceptions.h"
+#include "utils/io/ioi2crtu.h"
+#include "utils/io/ioimx.h"
+#include "utils/io/iortu.h"
+#include "utils/io/iortudataadapter.h"
+#include "utils/platform/emulated/imxmodel.h"
+#include "utils/platform/emulated/rtumodel.h"
 #include "utils/platform/emulated/textfile.h"
+#include "utils/platform/filedescriptor.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <tinyxml2.h>
 
+#include <functional>
+#include <optional>
 #include <regex>
 #include <stdexcept>
 #include <string>
+#include <thread>
+#include <tuple>
+#include <vector>
 
 namespace {
 
 using k52test::expectExchanges;
 using k52test::RouterHarness;
-using utils::platform::emulated::Fault;
-using utils::platform::emulated::TextFile;
+using utils::IORTU;
+using utils::rtu_pin_config_t;
+using namespace utils::platform::emulated;
 
 constexpr const char* rtuNode = "/dev/k52rtu";
 constexpr const char* enableLine = "/sys/class/gpio/gpio431/value";
@@ -116,6 +132,215 @@ TEST(RTURoutes, AnalogOutputLines)
          "SetRTUAnalogOutputType: Failed to write to /sys/class/gpio/gpio479/value"},
         {"GetRTUAnalogOutputType", "OK", "GetRTUAnalogOutputType: RTU Analog Output Type: voltage"},
     });
+}
+
+
+
+class RTUTest : public ::testing::Test {
+protected:
+    void SetUp() override { attachRTU(*board); rtu.open(); i2c.emplace("/dev/i2c-1", 66, O_RDWR); }
+    void writeLine(const char* path, const std::string& text)
+    {
+        utils::FileDescriptor fd(utils::platform::kernel().open(path, O_WRONLY));
+        ASSERT_EQ(utils::platform::kernel().write(fd.get(), text.data(), text.size()),
+                  static_cast<ssize_t>(text.size()));
+    }
+
+    k52test::InstalledBoard board; // first: the devices close through it
+    IORTU rtu{"/dev/k52rtu"};
+    std::optional<utils::IOI2CRTU> i2c;
+};
+
+// Refusals name the register or pin, and leave the unit's value as it was.
+TEST_F(RTUTest, RefusedValuesNameTheirRegister)
+{
+    rtu_pin_config_t badType;
+    badType.setPin(2);
+    badType[rtu_pin_config_t::type].value = 3;
+    rtu_pin_config_t noSuchPin;
+    noSuchPin.setPin(6);
+    rtu.setDeviceState(utils::IORTUState::warning);
+    rtu.setIOValue(5, 1); // the last pin
+    const std::pair<std::function<void()>, const char*> cases[] = {
+        {[&] { rtu.setDeviceState(static_cast<utils::IORTUState>(0)); }, "DEVICE_STATE"},
+        {[&] { rtu.setDeviceState(static_cast<utils::IORTUState>(7)); }, "DEVICE_STATE"},
+        {[&] { rtu.setAutoTrigger(static_cast<utils::IORTUTriggerMode>(2)); }, "TRIGGER_MODE"},
+        {[&] { rtu.setIOConfig(badType); }, "PIN_CONFIG"},
+        {[&] { rtu.setIOValue(6, 1); }, "No I/O pin 6 on"},
+        {[&] { rtu.getIOConfig(noSuchPin); }, "No I/O pin 6 on"},
+        {[&] { rtu.getIOValue(1u << 26); }, "No I/O pin 67108864"}, // would alias pin 0
+    };
+    for (const auto& [call, text] : cases)
+        EXPECT_THAT(call, k52test::throwsWith<utils::IOError>(text, "/dev/k52rtu"));
+    badType.setPin(2);
+    rtu.getIOConfig(badType);
+    EXPECT_EQ(std::tuple(rtu.getDeviceState(), rtu.getAutoTrigger(), rtu.getIOValue(5), badType[rtu_pin_config_t::type].value),
+              std::tuple(utils::IORTUState::warning, utils::IORTUTriggerMode::continuous, 1u, 0u));
+}
+
+// The unit and the image sensor drive the one sensor bus; the image sensor's routes' tests pin
+// its ranges, replies and the status record's refresh.
+TEST_F(RTUTest, TheUnitAndTheImageSensorShareTheSensorBus)
+{
+    attachIMX(*board);
+    utils::IOIMX imx("/dev/imx0", O_RDWR);
+    SensorBus& bus = board->sensorBus();
+    rtu.setAutoTrigger(utils::IORTUTriggerMode::manual);
+    rtu.enableAcquisition(true);
+    rtu.setFPS(0);
+    imx.setExposure(10'000'000);
+    EXPECT_THAT([&] { imx.setExposure(10'000'001); }, k52test::throwsWith<utils::IOError>("EXPOSURE"));
+    rtu.setExposureTime(4321);
+    imx.setROIXYOffset(1455, 1087);
+    const uint64_t before = bus.pulses();
+    rtu.manualTrigger();
+    EXPECT_EQ(std::tuple(bus.trigger(), bus.acquisition(), bus.framesPerSecond(), bus.pulses(), bus.roiX(), bus.roiY()),
+              std::tuple(SensorBus::Trigger::manual, true, 0u, before + 1, 1455, 1087));
+    bus.setFramesPerSecond(60);
+    bus.setTrigger(SensorBus::Trigger::continuous);
+    EXPECT_EQ(std::pair(rtu.getFPS(), rtu.getAutoTrigger()), std::pair(60u, utils::IORTUTriggerMode::continuous));
+    EXPECT_EQ(imx.getExposure(), 4321u) << "the unit's exposure is the sensor's";
+    board->faults().inject("/dev/imx0", Fault::openFails);
+    EXPECT_THROW(utils::IOIMX("/dev/imx0", O_RDWR), utils::IOError); // the constructor opens
+}
+
+// A line written by others is the unit's state too (the type line: below); outside the
+// analog output the I2C registers are the unit's, read-only.
+TEST_F(RTUTest, AnalogOutputLinesAndI2CRegisters)
+{
+    writeLine(enableLine, "0"); // active-low
+    EXPECT_TRUE(rtu.getAnalogOutputState());
+    EXPECT_EQ(i2c->readRTUHalfwordRegister(14), 0x1000);
+    rtu.setDeviceState(utils::IORTUState::warning);
+    EXPECT_EQ(i2c->readRTUHalfwordRegister(0) << 16 | i2c->readRTUHalfwordRegister(2), 5 << 16 | 2 << 8 | 7);
+    for (uint8_t reg : {0, 20})
+        EXPECT_THROW(i2c->writeRTUHalfwordRegister(reg, 1), utils::IOError) << reg;
+    EXPECT_EQ(rtu.getDeviceState(), utils::IORTUState::warning);
+}
+
+// The three interfaces are used from different threads (route workers, the heartbeat).
+TEST_F(RTUTest, InterfacesMayBeUsedConcurrently)
+{
+    constexpr int rounds = 200;
+    std::thread node([&] {
+        for (int i = 0; i < rounds; ++i) {
+            rtu.setAnalogOutputState(i % 2);
+            rtu.triggerHeartbeat();
+        }
+    });
+    std::thread bus([&] {
+        utils::IOI2CRTU other("/dev/i2c-1", 66, O_RDWR);
+        for (int i = 0; i < rounds; ++i)
+            other.writeRTUHalfwordRegister(16, static_cast<unsigned short>(i));
+    });
+    for (int i = 0; i < rounds; ++i)
+        writeLine(typeLine, i % 2 ? "0" : "1");
+    node.join();
+    bus.join();
+    EXPECT_EQ(rtu.getHeartbeatCount(), static_cast<unsigned>(rounds));
+    EXPECT_EQ(rtu.getAnalogOutputVoltage(), rounds - 1u);
+    EXPECT_TRUE(rtu.getAnalogOutputType()); // the last line write (0) selected current
+}
+
+// Device failures on the routes are checked end to end.
+TEST_F(RTUTest, TheAdapterKeepsItsLastRecord)
+{
+    rtu.setFPS(15);
+    rtu.setExposureOffset(static_cast<unsigned>(-7));
+    rtu.setAnalogOutputType(true);
+    utils::IORTUDataAdapter adapter{};
+    adapter.load(rtu);
+    tinyxml2::XMLDocument document;
+    auto* element = document.NewElement("rtu");
+    document.InsertFirstChild(element);
+    adapter.toXml(element);
+    adapter.toXml(element); // a refresh replaces, it does not add
+    EXPECT_EQ(element->FirstChildElement("fps")->NextSiblingElement("fps"), nullptr);
+    for (auto [name, text] : {std::pair{"fps", "15"}, {"exposureOffset", "-7"}, {"analogOutputType", "current"}, {"revision", "2.7"}})
+        EXPECT_STREQ(element->FirstChildElement(name)->GetText(), text) << name;
+
+    board->faults().inject("/dev/k52rtu", Fault::ioError);
+    EXPECT_THROW(adapter.load(rtu), utils::IOError);
+    EXPECT_EQ(adapter.data.framesPerSecond, 15u);
+
+    board->faults().inject("/dev/k52rtu", Fault::openFails);
+    IORTU unopened("/dev/k52rtu"); // constructing does not touch the device
+    EXPECT_THROW(unopened.open(), utils::IOError);
+    EXPECT_THROW(unopened.getState(), utils::IOError);
+}
+
+constexpr const char* rtuBus = "/dev/i2c-1";
+constexpr uint8_t rtuAddress = 66;
+
+// The RTU's register as a second client on the bus sees it.
+unsigned short rtuRegister(uint8_t reg)
+{
+    return utils::IOI2CRTU(rtuBus, rtuAddress).readRTUHalfwordRegister(reg);
+}
+
+// Each setter's reply, the register it wrote as another bus client reads it, and the getter.
+TEST(I2CRTURoutes, SettersWriteTheirRegistersAndGettersReadThem)
+{
+    RouterHarness h;
+    std::vector<std::string> lineWrites;
+    for (const char* line : {enableLine, typeLine})
+        h.board().attach(line, std::make_shared<TextFile>("", [&, line](const std::string& text) {
+            lineWrites.push_back(std::string(line == enableLine ? "enable=" : "type=") + text);
+        }));
+    // Routes are "SetI2CRTU<name> <argument>" and "GetI2CRTU<name>"; the get reply's text
+    // follows "RTU Analog Output ".
+    struct Case { const char *name, *argument, *setReply; uint8_t reg; unsigned short value; const char* getReply; };
+    const Case cases[] = {
+        {"AnalogOutputState", "1", "Analog output enabled", 14, 0x1000, "State: enabled"},
+        {"AnalogOutputState", "0", "Analog output disabled", 14, 0, "State: disabled"},
+        {"AnalogOutputType", "-7", "current", 15, 1, "Type: current"},
+        {"AnalogOutputType", "0", "voltage", 15, 0, "Type: voltage"},
+        {"AnalogOutputVoltage", "70000", "Analog output voltage set to 70000", 16, 4464, "Voltage: 4464"},
+        {"AnalogOutputCurrent", "-1", "Analog output current set to -1", 17, 65535, "current: 65535"},
+        {"AnalogOutputPWMDuty", "33 9", "Analog output PWMDuty set to 33", 18, 33, "PWMDuty: 33"},
+        {"AnalogOutputPWMPeriod", "1000", "Analog output PWMPeriod set to 1000", 19, 1000, "PWM Period: 1000"},
+    };
+    for (const auto& c : cases) {
+        const std::string set = std::string("SetI2CRTU") + c.name, get = std::string("GetI2CRTU") + c.name;
+        const std::string setReply = set + ": " + c.setReply, getReply = get + ": RTU Analog Output " + c.getReply;
+        expectExchanges(h, {{(set + " " + c.argument).c_str(), "OK", setReply.c_str()}});
+        EXPECT_EQ(rtuRegister(c.reg), c.value) << set;
+        expectExchanges(h, {{get.c_str(), "OK", getReply.c_str()}});
+    }
+    // Both lines are active-low.
+    EXPECT_EQ(lineWrites, (std::vector<std::string>{"enable=0", "enable=1", "type=0", "type=1"}));
+    // Any bit of the state register counts, not only the flag this family writes.
+    utils::IOI2CRTU(rtuBus, rtuAddress).writeRTUHalfwordRegister(14, 0x0001);
+    expectExchanges(h, {
+        {"GetI2CRTUAnalogOutputState", "OK", "GetI2CRTUAnalogOutputState: RTU Analog Output State: enabled"},
+        // One analog output behind both families; only their type words differ.
+        {"GetRTUAnalogOutputVoltage", "OK", "GetRTUAnalogOutputVoltage: RTU Analog Output Voltage: 4464"},
+        {"SetRTUAnalogOutputType 1", "OK", "SetRTUAnalogOutputType: voltage"},
+        {"GetI2CRTUAnalogOutputType", "OK", "GetI2CRTUAnalogOutputType: RTU Analog Output Type: current"},
+    });
+    EXPECT_THROW(h.run("SetI2CRTUAnalogOutputPWMDuty 99999999999"), std::out_of_range);
+}
+
+// The state register is written before its line, the type register only after its line; a
+// bus failure names the bus after the route's prefix.
+TEST(I2CRTURoutes, LineAndBusFailures)
+{
+    for (const auto& [line, route, reg, registerAfter] :
+         {std::tuple{enableLine, "SetI2CRTUAnalogOutputState", 14, 0x1000},
+          std::tuple{typeLine, "SetI2CRTUAnalogOutputType", 15, 0}}) {
+        // The text of a line that fails on writing is checked with the RTU family.
+        const std::string message = std::string(route) + ": Failed to open " + line + " for writing";
+        RouterHarness h;
+        h.board().faults().inject(line, Fault::openFails);
+        expectExchanges(h, {{(std::string(route) + " 1").c_str(), "ErrorIOException", message.c_str()}});
+        EXPECT_EQ(rtuRegister(static_cast<uint8_t>(reg)), registerAfter) << route;
+    }
+    RouterHarness h;
+    h.board().faults().inject(rtuBus, Fault::ioError);
+    auto [status, message] = h.run("SetI2CRTUAnalogOutputPWMPeriod 1");
+    EXPECT_EQ(status, "ErrorIOException");
+    EXPECT_EQ(message.rfind("SetI2CRTUAnalogOutputPWMPeriod: ", 0), 0u) << message;
+    EXPECT_NE(message.find(rtuBus), std::string::npos) << message;
 }
 
 } // namespace
