@@ -139,8 +139,8 @@ TEST_F(CaptureTest, StreamSendsEveryFrameUntilStoppedAndOffTheWireOnlyCounts)
 
     capture().setStreamOverWire(false);
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    while (hasData(50))
-        client.next(std::chrono::seconds(1)); // frames sent before the switch
+    for (int i = 0; i < 50 && hasData(50); ++i) // frames sent before the switch; bounded, should sending go on
+        client.next(std::chrono::seconds(1));
     const std::vector<uint8_t> before(container(), container() + 2244 + 640 * 480 + 4);
     const int reportsBefore = reports;
     std::this_thread::sleep_for(std::chrono::milliseconds(400));
