@@ -26,10 +26,7 @@ using Clock = std::chrono::steady_clock;
 bool acceptsConnections(uint16_t port)
 {
     int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in address{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
     bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
     ::close(fd);
     return ok;
@@ -51,13 +48,16 @@ EmulatedConfig::Overrides withoutPorts(EmulatedConfig::Overrides overrides)
     return overrides;
 }
 
-// The daemon's signal handler logs and stops the core, as designed; that is not
-// async-signal-safe, and a sanitizer build must not fail the daemon for it. The caller's own
-// options (where reports go, halting on the first) still apply to the daemon.
-std::string tsanOptions()
+// What the daemon gets besides the caller's environment: the syslog shim and sanitizer options.
+// Its signal handler logs and stops the core, as designed; that is not async-signal-safe, and a
+// sanitizer build must not fail the daemon for it. The caller's own options (where reports go,
+// halting on the first) still apply to the daemon.
+std::vector<std::string> ownEnvironment(const std::string& socketPath)
 {
     const char* caller = std::getenv("TSAN_OPTIONS");
-    return std::string("TSAN_OPTIONS=report_signal_unsafe=0") + (caller ? std::string(" ") + caller : "");
+    return {std::string("LD_PRELOAD=") + K52_SYSLOG_SHIM, "K52TEST_SYSLOG_SOCKET=" + socketPath,
+            "ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=1",
+            std::string("TSAN_OPTIONS=report_signal_unsafe=0") + (caller ? std::string(" ") + caller : "")};
 }
 
 } // namespace
@@ -80,11 +80,12 @@ DaemonProcess::DaemonProcess(SocketActivation, const EmulatedConfig::Overrides& 
 {
     while (streamPort_ == controlPort_)
         streamPort_ = freePort();
-    start({"/usr/bin/systemd-socket-activate", "-l", "127.0.0.1:" + std::to_string(controlPort_),
-           "-l", "127.0.0.1:" + std::to_string(streamPort_), "--fdname=ctrl:stream",
-           "-E", "K52TEST_SYSLOG_SOCKET=" + socketPath_, "-E", std::string("LD_PRELOAD=") + K52_SYSLOG_SHIM,
-           "-E", "ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=1", "-E", tsanOptions()},
-          {});
+    std::vector<std::string> launcher = {"/usr/bin/systemd-socket-activate", "-l",
+                                         "127.0.0.1:" + std::to_string(controlPort_), "-l",
+                                         "127.0.0.1:" + std::to_string(streamPort_), "--fdname=ctrl:stream"};
+    for (const auto& variable : ownEnvironment(socketPath_))
+        launcher.insert(launcher.end(), {"-E", variable});
+    start(launcher, {});
 }
 
 void DaemonProcess::start(const std::vector<std::string>& launcher,
@@ -102,17 +103,11 @@ void DaemonProcess::start(const std::vector<std::string>& launcher,
     arguments.insert(arguments.end(), emulator.begin(), emulator.end());
     arguments.insert(arguments.end(), {K52APP_BINARY, "-c", config_.path()});
     arguments.insert(arguments.end(), extraArguments.begin(), extraArguments.end());
-    std::vector<std::string> environment = {
-        std::string("LD_PRELOAD=") + K52_SYSLOG_SHIM,
-        "K52TEST_SYSLOG_SOCKET=" + socketPath_,
-        "ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=1",
-        tsanOptions(),
-    };
+    std::vector<std::string> environment = ownEnvironment(socketPath_);
     for (char** e = environ; *e; ++e) {
-        std::string entry = *e;
-        bool ours = entry.rfind("LD_PRELOAD=", 0) == 0 || entry.rfind("ASAN_OPTIONS=", 0) == 0 ||
-                    entry.rfind("TSAN_OPTIONS=", 0) == 0;
-        if (!ours)
+        const std::string entry = *e;
+        if (!entry.starts_with("LD_PRELOAD=") && !entry.starts_with("ASAN_OPTIONS=") &&
+            !entry.starts_with("TSAN_OPTIONS="))
             environment.push_back(entry);
     }
     // Run from the source tree, as a developer does, so relative paths of the configuration

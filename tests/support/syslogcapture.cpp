@@ -11,7 +11,6 @@ namespace {
 struct State {
     std::mutex mutex;
     bool capturing = false;
-    std::string ident;
     std::vector<SyslogRecord> records;
     std::vector<SyslogCall> calls;
 };
@@ -29,7 +28,7 @@ void record(int priority, const char* format, va_list args)
     auto& s = state();
     std::lock_guard lock(s.mutex);
     if (s.capturing)
-        s.records.push_back({priority, format, text, s.ident});
+        s.records.push_back({priority, format, text});
 }
 
 } // namespace
@@ -73,16 +72,14 @@ void openlog(const char* ident, int option, int facility)
 {
     auto& s = k52test::state();
     std::lock_guard lock(s.mutex);
-    s.ident = ident ? ident : "";
     if (s.capturing)
-        s.calls.push_back({k52test::SyslogCall::Kind::open, s.ident, option, facility});
+        s.calls.push_back({k52test::SyslogCall::Kind::open, ident ? ident : "", option, facility});
 }
 
 void closelog(void)
 {
     auto& s = k52test::state();
     std::lock_guard lock(s.mutex);
-    s.ident.clear();
     if (s.capturing)
         s.calls.push_back({k52test::SyslogCall::Kind::close, "", 0, 0});
 }

@@ -11,7 +11,6 @@ struct SyslogRecord {
     int priority;
     std::string format; // the format argument as given (must be "%s")
     std::string text;   // the formatted entry
-    std::string ident;  // ident of the connection at the time (empty: the C library's default)
 };
 
 struct SyslogCall {

@@ -1,22 +1,19 @@
 #include "core/container/containermanager.h"
+#include "support/board.h"
 #include "support/bytes.h"
 #include "support/syslogcapture.h"
 #include "support/tempdir.h"
-#include "utils/platform/emulated/board.h"
 #include "utils/platform/emulated/textfile.h"
-#include "utils/platform/kernel.h"
 
 #include <sys/stat.h>
 #include <syslog.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <tinyxml2.h>
 #include <zlib.h>
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <filesystem>
 #include <optional>
 #include <set>
@@ -70,27 +67,19 @@ protected:
     void SetUp() override
     {
         previousMask_ = ::umask(022);
-        auto board = std::make_shared<utils::platform::emulated::EmulatedBoard>();
         board->attach("/proc/cpuinfo", std::make_shared<utils::platform::emulated::TextFile>(
                                            std::string("processor\t: 0\nHardware\t: ") +
                                            hardware + "\nSerial\t\t: " + serial + "\n"));
-        previousKernel_ = utils::platform::installKernel(board);
     }
-    void TearDown() override
-    {
-        utils::platform::installKernel(previousKernel_);
-        ::umask(previousMask_);
-    }
+    void TearDown() override { ::umask(previousMask_); }
 
     std::string prefix() const { return dir.path() + "/"; }
     std::string xmlPath() const { return dir.file("k52XMLContainer"); }
     std::string generalPath() const { return dir.file("k52generalContainer"); }
 
+    k52test::InstalledBoard board;
     k52test::TempDir dir{"k52containers"};
-
-private:
     mode_t previousMask_ = 0;
-    std::shared_ptr<utils::platform::Kernel> previousKernel_;
 };
 
 // Stale, larger, writable files from an earlier run are replaced, not reused; a link planted
@@ -150,13 +139,11 @@ TEST_F(ContainerManagerTest, FilesHaveTheirSizeModeHeadersAndFactoryDocument)
 TEST_F(ContainerManagerTest, LogsEachStepOfLifeExactly)
 {
     k52test::SyslogCapture capture;
-    uint32_t xmlChecksum = 0;
-    uint32_t generalChecksum = 0;
-    {
+    uint32_t xmlChecksum = 0, generalChecksum = 0;
+    std::tie(xmlChecksum, generalChecksum) = [&] {
         ContainerManager manager(prefix());
-        xmlChecksum = manager.xmlContainer().checksum;
-        generalChecksum = manager.generalContainer().checksum;
-    }
+        return std::pair(manager.xmlContainer().checksum, manager.generalContainer().checksum);
+    }();
     const std::vector<std::pair<int, std::string>> expected = {
         {LOG_DEBUG, "Mapping Containers."},
         {LOG_DEBUG, "Mapped: " + xmlPath()},
@@ -177,11 +164,8 @@ TEST_F(ContainerManagerTest, LogsEachStepOfLifeExactly)
         {LOG_INFO, "Cleaned-up Containers."},
     };
     std::vector<std::pair<int, std::string>> logged;
-    for (const auto& record : capture.records())
-        logged.emplace_back(record.priority & 7, record.text.substr(record.text.find("] ") + 2));
-    for (auto& [priority, text] : logged)
-        text.pop_back(); // the record's '\n'
-
+    for (const auto& [priority, format, text] : capture.records()) // without the prefix and the '\n'
+        logged.emplace_back(priority & 7, text.substr(text.find("] ") + 2, text.size() - text.find("] ") - 3));
     EXPECT_EQ(logged, expected);
 }
 
@@ -221,36 +205,34 @@ TEST_F(ContainerManagerTest, EveryOwnerReleasesWhatItHolds)
 
 TEST_F(ContainerManagerTest, PrefixIsJoinedAsItStandsAndDirectoriesAreCreated)
 {
+    const std::string d = dir.path();
     const struct {
-        std::string prefix;
-        std::string xmlPath;
-        std::vector<std::string> createdDirectories;
+        std::string prefix, xmlPath;
+        std::vector<std::string> created;
     } cases[] = {
-        {dir.path() + "/var/run/cam/", dir.path() + "/var/run/cam/k52XMLContainer",
-         {dir.path() + "/var", dir.path() + "/var/run", dir.path() + "/var/run/cam"}},
-        {dir.path() + "/flat", dir.path() + "/flatk52XMLContainer", {}},
-        {dir.path() + "//double//", dir.path() + "//double//k52XMLContainer", {dir.path() + "/double"}},
+        {d + "/var/run/cam/", d + "/var/run/cam/k52XMLContainer", {d + "/var", d + "/var/run", d + "/var/run/cam"}},
+        {d + "/flat", d + "/flatk52XMLContainer", {}},
+        {d + "//double//", d + "//double//k52XMLContainer", {d + "/double"}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.prefix);
         ContainerManager manager(c.prefix);
         EXPECT_EQ(manager.getPath(K52Container::XML), c.xmlPath);
         EXPECT_TRUE(exists(c.xmlPath));
-        for (const auto& directory : c.createdDirectories)
+        for (const auto& directory : c.created)
             EXPECT_EQ(modeOf(directory), S_IFDIR | 0755u) << directory;
     }
 }
 
 TEST_F(ContainerManagerTest, FailedConstructionLeavesNothingBehind)
 {
+    const std::string d = dir.path();
     const struct {
-        std::string prefix;
-        std::string obstacle; // made before construction: a file, or a directory when it ends in '/'
+        std::string prefix, obstacle; // made before construction: a file, or a directory when it ends in '/'
         std::string message;
     } cases[] = {
-        {dir.path() + "/blocker/sub/", dir.file("blocker"),
-         "Failed to create directory: " + dir.path() + "/blocker/sub - Not a directory"},
-        {prefix(), generalPath() + "/keep/", "Failed to open file: " + dir.path() + "/k52generalContainer"},
+        {d + "/blocker/sub/", d + "/blocker", "Failed to create directory: " + d + "/blocker/sub - Not a directory"},
+        {prefix(), generalPath() + "/keep/", "Failed to open file: " + d + "/k52generalContainer"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.message);
