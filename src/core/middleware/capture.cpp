@@ -57,7 +57,8 @@ uint8_t* FrameArea::data()
 
 void FrameArea::checkSize(uint64_t n)
 {
-    if (n + 8 > capacity + 8 || overhead + n > sizeof(utils::GeneralContainer))
+    // The frame area ends where the container does (a compile-time check pins that).
+    if (n > capacity)
         throw utils::UtilsError("the desiered size " + std::to_string(n + 8) + " is invalid");
 }
 
@@ -107,11 +108,10 @@ Capture::~Capture() = default;
 void Capture::startAquisition(uint32_t fourcc, uint32_t resolutionIndex, uint32_t bufferCount,
                               const v4l2_rect& crop, utils::IORTUTriggerMode triggerMode)
 {
-    std::lock_guard sensorLock(resources_->getMutex(K52ResourceGroups::IMX));
-    std::lock_guard deviceLock(resources_->getMutex(K52ResourceGroups::V4L2));
-    std::lock_guard rtuLock(resources_->getMutex(K52ResourceGroups::RTU));
-    auto& device = resources_->v4l2();
-    auto& rtu = resources_->rtu();
+    // The sensor's group too: no exposure or ROI change may land while the acquisition starts.
+    auto held = resources_->hold({K52ResourceGroups::IMX, K52ResourceGroups::V4L2, K52ResourceGroups::RTU});
+    auto& device = held.device<utils::IOV4L2>();
+    auto& rtu = held.device<utils::IORTU>();
 
     if (!isEmpty(crop)) {
         try {
@@ -138,16 +138,12 @@ void Capture::startAquisition(uint32_t fourcc, uint32_t resolutionIndex, uint32_
 
 void Capture::stopAquisition()
 {
-    {
-        std::lock_guard rtuLock(resources_->getMutex(K52ResourceGroups::RTU));
-        resources_->rtu().enableAcquisition(false);
-    }
+    resources_->lock<utils::IORTU>()->enableAcquisition(false);
     // Device before RTU, as acquisition start takes them, so that the two never deadlock.
-    std::lock_guard deviceLock(resources_->getMutex(K52ResourceGroups::V4L2));
-    std::lock_guard rtuLock(resources_->getMutex(K52ResourceGroups::RTU));
-    resources_->rtu().setAutoTrigger(utils::IORTUTriggerMode::manual);
-    resources_->v4l2().streamOff();
-    resources_->v4l2().unmapBuffers();
+    auto held = resources_->hold({K52ResourceGroups::V4L2, K52ResourceGroups::RTU});
+    held.device<utils::IORTU>().setAutoTrigger(utils::IORTUTriggerMode::manual);
+    held.device<utils::IOV4L2>().streamOff();
+    held.device<utils::IOV4L2>().unmapBuffers();
 }
 
 void Capture::snapshotFrame(int timeoutMs)
