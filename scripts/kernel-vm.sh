@@ -164,10 +164,16 @@ trap 'rm -rf "$ctl"' EXIT
     echo '# Stage 2, on the host root: the usual mounts, the setup script, the command.'
     echo 'set -u'
     echo "ctl=$ctl"
+    printf 'repo=%q\n' "$PWD"
     cat <<'EOF'
 finish() { echo "$1" >"$ctl/status"; sync; busybox poweroff -f; }
 stty -onlcr 2>/dev/null
-mount -t tmpfs -o mode=1777 tmp /tmp
+# A fresh /tmp, unless the repository or this control share lives under it (a clone in /tmp):
+# then the overlay's /tmp, writable in memory too, keeps them visible.
+case "$repo/:$ctl/" in
+    /tmp/*|*:/tmp/*) ;;
+    *) mount -t tmpfs -o mode=1777 tmp /tmp ;;
+esac
 mount -t tmpfs -o mode=0755 run /run
 mkdir -p /dev/pts /dev/shm
 mount -t devpts -o gid=5,mode=620 devpts /dev/pts
