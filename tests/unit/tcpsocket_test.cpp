@@ -1,3 +1,4 @@
+#include "client/connection.h"
 #include "utils/base/exceptions.h"
 #include "utils/net/tcpsocket.h"
 
@@ -14,46 +15,16 @@
 #include <cstdlib>
 #include <functional>
 #include <numeric>
+#include <optional>
+#include <string_view>
 #include <thread>
 #include <vector>
 
+using k52client::Connection;
 using utils::TCPSocket;
 using namespace std::chrono_literals;
 
 namespace {
-
-// The client side of a loopback connection: plain POSIX, independent of the code under test.
-class Client {
-public:
-    explicit Client(uint16_t port) : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
-    {
-        sockaddr_in address{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
-        if (::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) < 0)
-            ADD_FAILURE() << "connect to port " << port << " failed";
-    }
-    ~Client() { close(); }
-    void send(const std::string& text) { ASSERT_EQ(::write(fd_, text.data(), text.size()), ssize_t(text.size())); }
-    std::vector<char> readExactly(size_t length)
-    {
-        std::vector<char> data(length);
-        size_t got = 0;
-        for (ssize_t n; got < length && (n = ::read(fd_, data.data() + got, length - got)) > 0;)
-            got += size_t(n);
-        data.resize(got);
-        return data;
-    }
-    // Closing with a zero linger resets the connection, as a crashed client does.
-    void reset()
-    {
-        linger abort{1, 0};
-        ::setsockopt(fd_, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
-        close();
-    }
-    void close() { ::close(std::exchange(fd_, -1)); }
-
-private:
-    int fd_;
-};
 
 TCPSocket listeningOnLoopback()
 {
@@ -76,15 +47,8 @@ auto withinAttempts(Call call) -> decltype(call())
     return {};
 }
 
-std::string receiveSomething(TCPSocket& socket, int client)
-{
-    return withinAttempts([&] { return socket.receive(client); });
-}
-
-int acceptWithin(TCPSocket& socket)
-{
-    return withinAttempts([&] { return socket.acceptConnection(); });
-}
+// Clients are the client library's connections, which share no code with the server side.
+void send(Connection& client, std::string_view text) { client.sendAll(text.data(), text.size()); }
 
 TEST(TCPSocket, ServesACommandAndAnswersWithEveryByteWithinBoundedWaits)
 {
@@ -98,14 +62,14 @@ TEST(TCPSocket, ServesACommandAndAnswersWithEveryByteWithinBoundedWaits)
         EXPECT_LT(waited, 1s);
     };
     expectBoundedWait([&] { socket.acceptConnection(); }, TCPSocket::acceptTimeout);
-    Client client(socket.localPort());
-    int fd = acceptWithin(socket);
+    std::optional<Connection> client(std::in_place, "127.0.0.1", socket.localPort());
+    int fd = withinAttempts([&] { return socket.acceptConnection(); });
     ASSERT_GE(fd, 0);
     expectBoundedWait([&] { socket.receive(fd); }, TCPSocket::receiveTimeout);
     {
         // One client at a time: a refused accept and a stale descriptor (which the system may
         // already have reused) leave the current client alone.
-        Client second(socket.localPort());
+        Connection second("127.0.0.1", socket.localPort());
         std::this_thread::sleep_for(20ms);
         EXPECT_THROW(socket.acceptConnection(), utils::UtilsRuntimeError);
         socket.close(fd + 1000);
@@ -113,24 +77,24 @@ TEST(TCPSocket, ServesACommandAndAnswersWithEveryByteWithinBoundedWaits)
         EXPECT_EQ(socket.client(), fd);
     }
 
-    client.send("help\r\n");
-    EXPECT_EQ(receiveSomething(socket, fd), "help\r\n");
+    send(*client, "help\r\n");
+    EXPECT_EQ(withinAttempts([&] { return socket.receive(fd); }), "help\r\n");
 
     // Larger than any socket buffer, so send() must loop over partial writes.
     std::vector<char> frame(8 << 20);
     std::iota(frame.begin(), frame.end(), 0);
-    std::vector<char> received;
-    std::thread reader([&] { received = client.readExactly(frame.size()); });
+    std::vector<char> received(frame.size());
+    std::thread reader([&] { EXPECT_NO_THROW(client->readExactly(received.data(), received.size(), 10s)); });
     socket.send(frame.data(), frame.size());
     reader.join();
     EXPECT_EQ(received, frame);
 
     // The last command is still read after the peer leaves; then the close reads as empty.
-    client.send("GetRTUFPS\r");
-    client.close();
+    send(*client, "GetRTUFPS\r");
+    client.reset();
     std::this_thread::sleep_for(20ms);
     EXPECT_FALSE(socket.isClosed(fd)) << "the last command is still unread";
-    EXPECT_EQ(receiveSomething(socket, fd), "GetRTUFPS\r");
+    EXPECT_EQ(withinAttempts([&] { return socket.receive(fd); }), "GetRTUFPS\r");
     EXPECT_EQ(socket.receive(fd), "");
     EXPECT_TRUE(socket.isClosed(fd));
     socket.close(fd);
@@ -140,9 +104,13 @@ TEST(TCPSocket, ServesACommandAndAnswersWithEveryByteWithinBoundedWaits)
 TEST(TCPSocket, SendingToAVanishedClientThrowsInsteadOfKillingTheProcess)
 {
     TCPSocket socket = listeningOnLoopback();
-    Client client(socket.localPort());
-    int fd = acceptWithin(socket);
-    client.reset();
+    int fd = -1;
+    {
+        Connection client("127.0.0.1", socket.localPort());
+        fd = withinAttempts([&] { return socket.acceptConnection(); });
+        linger abort{1, 0}; // a zero linger resets the connection, as a crashed client does
+        ::setsockopt(client.descriptor(), SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+    }
     std::this_thread::sleep_for(20ms);
     std::vector<char> frame(1 << 20, 'x');
     EXPECT_THAT(
@@ -185,25 +153,23 @@ TEST(TCPSocket, EachOwnerOfAnActivatedSocketHasItsOwnDescriptor)
     const pid_t child = ::fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
-        try {
-            ::dup2(listener, 3);
-            ::setenv("LISTEN_PID", std::to_string(::getpid()).c_str(), 1);
-            ::setenv("LISTEN_FDS", "1", 1);
-            ::setenv("LISTEN_FDNAMES", "stream", 1);
-            TCPSocket activated("stream");
-            { TCPSocket again("stream"); }
-            Client client(port);
-            client.send("hello");
-            const bool served = receiveSomething(activated, acceptWithin(activated)) == "hello";
-            ::_exit(activated.localPort() == port && served ? 0 : 1);
-        } catch (...) {
-            ::_exit(2);
-        }
+        // An exception ends the child with an abort, which the parent reports as a failure.
+        ::dup2(listener, 3);
+        ::setenv("LISTEN_PID", std::to_string(::getpid()).c_str(), 1);
+        ::setenv("LISTEN_FDS", "1", 1);
+        ::setenv("LISTEN_FDNAMES", "stream", 1);
+        TCPSocket activated("stream");
+        { TCPSocket again("stream"); }
+        Connection client("127.0.0.1", port);
+        send(client, "hello");
+        const int fd = withinAttempts([&] { return activated.acceptConnection(); });
+        const bool served = withinAttempts([&] { return activated.receive(fd); }) == "hello";
+        ::_exit(activated.localPort() == port && served ? 0 : 1);
     }
     ::close(listener);
     int status = 0;
     ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "1 not served, 2 threw";
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the child was not served";
 }
 
 } // namespace
