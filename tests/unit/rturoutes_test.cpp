@@ -32,23 +32,15 @@ using utils::IORTU;
 using utils::rtu_pin_config_t;
 using namespace utils::platform::emulated;
 
-constexpr const char* rtuNode = "/dev/k52rtu";
 constexpr const char* enableLine = "/sys/class/gpio/gpio431/value";
 constexpr const char* typeLine = "/sys/class/gpio/gpio479/value";
-
-char lineLevel(RouterHarness& h, const char* path)
-{
-    return std::dynamic_pointer_cast<TextFile>(h.board().device(path))->content().at(0);
-}
 
 // In order: each setter is read back through the unit.
 TEST(RTURoutes, RepliesAndReadsBackThroughTheUnit)
 {
     RouterHarness h;
-    const char* invalidMode = "SetTriggerMode: Invalid trigger mode. Must be 0 (manual) or 1 (continuous).";
     expectExchanges(h, {
         {"SetRTUTriggerMode 0", "OK", "SetTriggerMode: Trigger mode set to 0"},
-        {"SetRTUTriggerMode 2", "ErrorRuntimeError", invalidMode},
         {"GetRTUStatus", "OK", "GetRTUStatus: Device State: 1"}, // ready only
         {"GetRTURevision", "OK", "GetRTURevision: Revision: 2.7 Week: 23 Year: 2024 Num: 1052 Patch: 3"},
         // Negative numbers reach the unit as their unsigned 32 bits.
@@ -109,32 +101,6 @@ TEST(RTURoutes, RepliesAndReadsBackThroughTheUnit)
     EXPECT_THROW(h.run("SetRTUIOValue 1 on"), std::invalid_argument);
     expectExchanges(h, {{"GetRTUDeviceState", "OK", "GetDeviceState: Device state: 6"}});
 }
-
-// Active-low lines. The state route changes the unit before its line; the type route writes
-// its line first, so a failed line leaves the unit's type as it was.
-TEST(RTURoutes, AnalogOutputLines)
-{
-    RouterHarness h;
-    for (const auto& [command, enable, type] : {std::tuple{"SetRTUAnalogOutputState 1", '0', '1'},
-                                                std::tuple{"SetRTUAnalogOutputType 1", '0', '0'},
-                                                std::tuple{"SetRTUAnalogOutputState 0", '1', '0'}}) {
-        ASSERT_EQ(h.run(command).first, "OK") << command;
-        EXPECT_EQ(lineLevel(h, enableLine), enable) << command;
-        EXPECT_EQ(lineLevel(h, typeLine), type) << command;
-    }
-    h.board().faults().inject(enableLine, Fault::ioError);
-    h.board().faults().inject(typeLine, Fault::ioError);
-    expectExchanges(h, {
-        {"SetRTUAnalogOutputState 1", "ErrorIOException",
-         "SetRTUAnalogOutputState: Failed to write to /sys/class/gpio/gpio431/value"},
-        {"GetRTUAnalogOutputState", "OK", "GetRTUAnalogOutputState: RTU Analog Output State: enabled"},
-        {"SetRTUAnalogOutputType 0", "ErrorIOException",
-         "SetRTUAnalogOutputType: Failed to write to /sys/class/gpio/gpio479/value"},
-        {"GetRTUAnalogOutputType", "OK", "GetRTUAnalogOutputType: RTU Analog Output Type: voltage"},
-    });
-}
-
-
 
 class RTUTest : public ::testing::Test {
 protected:
@@ -269,19 +235,11 @@ TEST_F(RTUTest, TheAdapterKeepsItsLastRecord)
     EXPECT_THROW(unopened.getState(), utils::IOError);
 }
 
-constexpr const char* rtuBus = "/dev/i2c-1";
-constexpr uint8_t rtuAddress = 66;
-
-// The RTU's register as a second client on the bus sees it.
-unsigned short rtuRegister(uint8_t reg)
-{
-    return utils::IOI2CRTU(rtuBus, rtuAddress).readRTUHalfwordRegister(reg);
-}
-
 // Each setter's reply, the register it wrote as another bus client reads it, and the getter.
 TEST(I2CRTURoutes, SettersWriteTheirRegistersAndGettersReadThem)
 {
     RouterHarness h;
+    utils::IOI2CRTU bus("/dev/i2c-1", 66); // a second client of the unit's registers
     std::vector<std::string> lineWrites;
     for (const char* line : {enableLine, typeLine})
         h.board().attach(line, std::make_shared<TextFile>("", [&, line](const std::string& text) {
@@ -304,13 +262,11 @@ TEST(I2CRTURoutes, SettersWriteTheirRegistersAndGettersReadThem)
         const std::string set = std::string("SetI2CRTU") + c.name, get = std::string("GetI2CRTU") + c.name;
         const std::string setReply = set + ": " + c.setReply, getReply = get + ": RTU Analog Output " + c.getReply;
         expectExchanges(h, {{(set + " " + c.argument).c_str(), "OK", setReply.c_str()}});
-        EXPECT_EQ(rtuRegister(c.reg), c.value) << set;
+        EXPECT_EQ(bus.readRTUHalfwordRegister(c.reg), c.value) << set;
         expectExchanges(h, {{get.c_str(), "OK", getReply.c_str()}});
     }
-    // Both lines are active-low.
-    EXPECT_EQ(lineWrites, (std::vector<std::string>{"enable=0", "enable=1", "type=0", "type=1"}));
     // Any bit of the state register counts, not only the flag this family writes.
-    utils::IOI2CRTU(rtuBus, rtuAddress).writeRTUHalfwordRegister(14, 0x0001);
+    bus.writeRTUHalfwordRegister(14, 0x0001);
     expectExchanges(h, {
         {"GetI2CRTUAnalogOutputState", "OK", "GetI2CRTUAnalogOutputState: RTU Analog Output State: enabled"},
         // One analog output behind both families; only their type words differ.
@@ -318,29 +274,38 @@ TEST(I2CRTURoutes, SettersWriteTheirRegistersAndGettersReadThem)
         {"SetRTUAnalogOutputType 1", "OK", "SetRTUAnalogOutputType: voltage"},
         {"GetI2CRTUAnalogOutputType", "OK", "GetI2CRTUAnalogOutputType: RTU Analog Output Type: current"},
     });
+    // Both lines are active-low, whichever family writes them.
+    EXPECT_EQ(lineWrites, (std::vector<std::string>{"enable=0", "enable=1", "type=0", "type=1", "type=0"}));
     EXPECT_THROW(h.run("SetI2CRTUAnalogOutputPWMDuty 99999999999"), std::out_of_range);
 }
 
-// The state register is written before its line, the type register only after its line; a
-// bus failure names the bus after the route's prefix.
-TEST(I2CRTURoutes, LineAndBusFailures)
+// A failed line write: the state routes have changed the unit already, the type routes not
+// yet. A bus failure names the bus after the route's prefix.
+TEST(RTUAndI2CRTURoutes, LineAndBusFailures)
 {
-    for (const auto& [line, route, reg, registerAfter] :
-         {std::tuple{enableLine, "SetI2CRTUAnalogOutputState", 14, 0x1000},
-          std::tuple{typeLine, "SetI2CRTUAnalogOutputType", 15, 0}}) {
-        // The text of a line that fails on writing is checked with the RTU family.
-        const std::string message = std::string(route) + ": Failed to open " + line + " for writing";
+    struct Case { const char* name; const char* line; Fault fault; const char* after; };
+    const Case cases[] = {
+        {"RTUAnalogOutputState", enableLine, Fault::ioError, "State: enabled"},
+        {"RTUAnalogOutputType", typeLine, Fault::ioError, "Type: current"},
+        {"I2CRTUAnalogOutputState", enableLine, Fault::openFails, "State: enabled"},
+        {"I2CRTUAnalogOutputType", typeLine, Fault::openFails, "Type: voltage"},
+    };
+    for (const auto& c : cases) {
         RouterHarness h;
-        h.board().faults().inject(line, Fault::openFails);
-        expectExchanges(h, {{(std::string(route) + " 1").c_str(), "ErrorIOException", message.c_str()}});
-        EXPECT_EQ(rtuRegister(static_cast<uint8_t>(reg)), registerAfter) << route;
+        h.board().faults().inject(c.line, c.fault);
+        const std::string set = std::string("Set") + c.name, get = std::string("Get") + c.name;
+        const std::string failure = c.fault == Fault::ioError
+                                        ? std::string("Failed to write to ") + c.line
+                                        : std::string("Failed to open ") + c.line + " for writing";
+        expectExchanges(h, {{(set + " 1").c_str(), "ErrorIOException", (set + ": " + failure).c_str()},
+                            {get.c_str(), "OK", (get + ": RTU Analog Output " + c.after).c_str()}});
     }
     RouterHarness h;
-    h.board().faults().inject(rtuBus, Fault::ioError);
+    h.board().faults().inject("/dev/i2c-1", Fault::ioError);
     auto [status, message] = h.run("SetI2CRTUAnalogOutputPWMPeriod 1");
     EXPECT_EQ(status, "ErrorIOException");
     EXPECT_EQ(message.rfind("SetI2CRTUAnalogOutputPWMPeriod: ", 0), 0u) << message;
-    EXPECT_NE(message.find(rtuBus), std::string::npos) << message;
+    EXPECT_NE(message.find("/dev/i2c-1"), std::string::npos) << message;
 }
 
 } // namespace
