@@ -1,3 +1,4 @@
+#include "support/tempdir.h"
 #include "utils/base/exceptions.h"
 #include "utils/io/ioopencl.h"
 
@@ -7,8 +8,6 @@
 #include <stdlib.h>
 
 #include <cstdint>
-#include <filesystem>
-#include <fstream>
 
 using utils::IOOpenCL;
 
@@ -18,15 +17,14 @@ TEST(IOOpenCL, KernelLoadingFailuresExplainThemselvesAndKeepTheLoadedKernel)
     IOOpenCL opencl;
     if (!opencl.isAvailable())
         GTEST_SKIP() << "No OpenCL device on this machine: " << opencl.unavailableReason();
-    char pattern[] = "/tmp/k52-opencl-XXXXXX";
-    const std::filesystem::path directory = ::mkdtemp(pattern);
+    k52test::TempDir directory{"k52-opencl"};
     const std::string good = std::string(K52_SOURCE_DIR) + "/etc/opencl/image_processing.cl";
-    const std::string broken = (directory / "broken.cl").string();
-    std::ofstream(broken) << "__kernel void f(__global int* p) { p[0] = undefinedName; }";
+    const std::string broken =
+        directory.writeFile("broken.cl", "__kernel void f(__global int* p) { p[0] = undefinedName; }");
     const std::tuple<std::string, const char*, const char*> cases[] = { // file, kernel, text of the error
         {broken, "f", "undefinedName"}, // from the build log
         {good, "invertAndMirror", "has no kernel 'invertAndMirror'"},
-        {(directory / "absent.cl").string(), "f", "absent.cl"},
+        {directory.file("absent.cl"), "f", "absent.cl"},
     };
     for (const auto& [file, kernel, text] : cases)
         EXPECT_THAT([&] { opencl.loadKernel(file, kernel); },
@@ -39,7 +37,6 @@ TEST(IOOpenCL, KernelLoadingFailuresExplainThemselvesAndKeepTheLoadedKernel)
     EXPECT_THROW(opencl.setKernelArgument(7, int32_t(1)), utils::UtilsRuntimeError);
     EXPECT_THROW(opencl.setGlobalRange({}), utils::UtilsRuntimeError);
     EXPECT_THROW(opencl.setGlobalRange({4, 0}), utils::UtilsRuntimeError);
-    std::filesystem::remove_all(directory);
 }
 
 // The ICD loader finds no platform when its vendor directory is empty: the object must still
@@ -48,20 +45,19 @@ TEST(IOOpenCL, KernelLoadingFailuresExplainThemselvesAndKeepTheLoadedKernel)
 TEST(IOOpenCLWithoutDevice, ConstructsAndRefusesUseClearly)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    char pattern[] = "/tmp/k52-no-icd-XXXXXX";
-    const std::filesystem::path emptyVendors = ::mkdtemp(pattern);
-    ::setenv("OCL_ICD_VENDORS", emptyVendors.c_str(), 1);
+    const k52test::TempDir emptyVendors{"k52-no-icd"};
+    ::setenv("OCL_ICD_VENDORS", emptyVendors.path().c_str(), 1);
     EXPECT_EXIT(
         {
             IOOpenCL opencl;
             try {
                 opencl.deviceName();
             } catch (const utils::UtilsRuntimeError& error) {
-                std::exit(!opencl.isAvailable() && std::string(error.what()).find("no OpenCL device") != std::string::npos ? 0 : 1);
+                const bool named = std::string(error.what()).find("no OpenCL device") != std::string::npos;
+                std::exit(!opencl.isAvailable() && named ? 0 : 1);
             }
             std::exit(1);
         },
         ::testing::ExitedWithCode(0), "");
     ::unsetenv("OCL_ICD_VENDORS");
-    std::filesystem::remove_all(emptyVendors);
 }
