@@ -1,6 +1,7 @@
 """The console in headless chromium, used the way a person would."""
 from __future__ import annotations
 
+import asyncio
 import contextlib
 import os
 import select
@@ -18,6 +19,7 @@ from selenium.webdriver.common.by import By  # noqa: E402
 from selenium.webdriver.support.ui import Select, WebDriverWait  # noqa: E402
 
 import k52  # noqa: E402
+from k52.console.link import Link  # noqa: E402
 
 WORKERS = 8  # as on the board: commands are answered while a stream runs
 
@@ -79,6 +81,20 @@ def counter(driver):
     value, complement = int.from_bytes(bytes(row[:4]), "little"), int.from_bytes(bytes(row[4:]), "little")
     assert value ^ complement == 0xFFFFFFFF, row
     return value
+
+
+def test_page_opening_while_another_connects_is_described(daemon):
+    # runs before the pages below make the console hold the control socket
+    async def second_page():
+        link = Link("127.0.0.1", daemon.control_port, daemon.stream_port)
+        first = asyncio.create_task(link.connect())
+        await asyncio.sleep(0.01)  # the first page waits for the descriptor
+        await link.connect()
+        routes = dict(link.routes)
+        await first
+        await link.disconnect()
+        return routes
+    assert "SetRTUFPS" in asyncio.run(second_page())
 
 
 def test_stream_forms_and_notices(daemon, console, browser):

@@ -61,6 +61,7 @@ class Link:
         self._writer: asyncio.StreamWriter | None = None
         self._reader_task: asyncio.Task | None = None
         self._lock = asyncio.Lock()
+        self._connecting = asyncio.Lock()
         self._ack: asyncio.Future | None = None
         self._document: str | None = None
         self._answered = False
@@ -82,24 +83,26 @@ class Link:
     async def connect(self, probe: float = 2.0) -> None:
         """Connects and reads the descriptor and the help of every route. Raises
         DaemonUnavailable or ControlSocketBusy with a sentence for the page."""
-        if self.connected:
-            return
-        await self._open_control()
-        try:
-            self.descriptor = await self.fetch_descriptor(probe)
-        except asyncio.TimeoutError:
-            await self.disconnect()
-            raise ControlSocketBusy(
-                f"the daemon at {self.host}:{self.control_port} does not answer: another client holds "
-                "its control socket (it serves one at a time). Close that client, then reconnect.") from None
-        except BaseException:
-            await self.disconnect()
-            raise
-        routes = {}
-        for name in self.descriptor.routes:
-            ack = await self.command(f"help {name}")
-            routes[name] = parse_route_help(ack.reply) if ack.ok else self.descriptor.routes[name]
-        self.routes = routes
+        # A second page opening meanwhile waits for the descriptor instead of finding none.
+        async with self._connecting:
+            if self.connected:
+                return
+            await self._open_control()
+            try:
+                self.descriptor = await self.fetch_descriptor(probe)
+            except asyncio.TimeoutError:
+                await self.disconnect()
+                raise ControlSocketBusy(
+                    f"the daemon at {self.host}:{self.control_port} does not answer: another client holds "
+                    "its control socket (it serves one at a time). Close that client, then reconnect.") from None
+            except BaseException:
+                await self.disconnect()
+                raise
+            routes = {}
+            for name in self.descriptor.routes:
+                ack = await self.command(f"help {name}")
+                routes[name] = parse_route_help(ack.reply) if ack.ok else self.descriptor.routes[name]
+            self.routes = routes
 
     async def _open_control(self) -> None:
         reader, self._writer = await _open(self.host, self.control_port, self.timeout)
