@@ -165,7 +165,11 @@ function draw(buffer) {
   const now = performance.timeOrigin + performance.now();
   stats.latencies.push(now - arrived);
   stats.drawn.push(performance.now());
-  if (stats.drawn.length > 4000) stats.drawn.splice(0, 2000);
+  // Bounded for a page left open for days; trimmed together so that entries stay paired.
+  if (stats.drawn.length > 4000) {
+    stats.drawn.splice(0, 2000);
+    stats.latencies.splice(0, 2000);
+  }
   stats.received++;
   send({ op: "drawn", id });
 }
