@@ -32,7 +32,7 @@ using namespace utils::platform::emulated;
 constexpr const char* illuminationPath = "/dev/k52illum";
 constexpr const char* autofocusPath = "/dev/k52af";
 
-TEST(IlluminationRoutes, RepliesAndModuleState)
+TEST(IlluminationAndAutoFocusRoutes, RepliesAndModuleState)
 {
     k52test::RouterHarness h;
     expectExchanges(h, {
@@ -61,21 +61,6 @@ TEST(IlluminationRoutes, RepliesAndModuleState)
         {"SetIlluRedBrightness 101", "OKRuntimeError", nullptr},
         {"SetIlluMode -1", "OKRuntimeError", nullptr},
         {"GetIlluSegments", "OK", "GetIlluSegments: Segments: 5"},
-    });
-    for (const char* which : {"Internal", "External"}) {
-        const std::string route = std::string("GetIllu") + which + "Temperature";
-        EXPECT_TRUE(std::regex_match(h.run(route).second,
-                                     std::regex(route + ": " + which + " Temperature: -?[0-9]+(\\.[0-9]+)?")));
-    }
-    // Not replies: the mode is parsed as a signed int, the others take the unsigned range.
-    EXPECT_THROW(h.run("SetIlluMode 99999999999"), std::out_of_range);
-    EXPECT_THROW(h.run("SetIlluSegments 99999999999999999999999"), std::out_of_range);
-}
-
-TEST(AutoFocusRoutes, RepliesAndModuleState)
-{
-    k52test::RouterHarness h;
-    expectExchanges(h, {
         {"GetAFPositionMax", "OK", "GetAFPositionMax: Max position: 4095"},
         {"SetAFPosition 1000", "OK", "SetAFPosition: AF position set to 1000"},
         {"GetAFPosition", "OK", "GetAFPosition: Current position: 1000"},
@@ -89,6 +74,14 @@ TEST(AutoFocusRoutes, RepliesAndModuleState)
         {"SetAFPosition 4096", "ErrorRuntimeError", nullptr},
         {"SetAFLEDMode 2", "OKRuntimeError", nullptr},
     });
+    for (const char* which : {"Internal", "External"}) {
+        const std::string route = std::string("GetIllu") + which + "Temperature";
+        EXPECT_TRUE(std::regex_match(h.run(route).second,
+                                     std::regex(route + ": " + which + " Temperature: -?[0-9]+(\\.[0-9]+)?")));
+    }
+    // Not replies: the mode is parsed as a signed int, the others take the unsigned range.
+    EXPECT_THROW(h.run("SetIlluMode 99999999999"), std::out_of_range);
+    EXPECT_THROW(h.run("SetIlluSegments 99999999999999999999999"), std::out_of_range);
     EXPECT_THROW(h.run("SetAFPosition"), std::out_of_range);
 }
 
@@ -103,11 +96,9 @@ TEST(IlluminationAndAutoFocusRoutes, DeviceErrorsAppendIOExceptionToTheStartingW
             if (name.find(family) == std::string::npos)
                 continue;
             ++routes;
-            SCOPED_TRACE(name);
             auto [status, message] = h.run(name + " 0");
-            EXPECT_EQ(status, name == "SetAFPosition" ? "ErrorIOException" : "OKIOException");
-            EXPECT_THAT(message, StartsWith(name + ": "));
-            EXPECT_THAT(message, HasSubstr(path));
+            EXPECT_EQ(status, name == "SetAFPosition" ? "ErrorIOException" : "OKIOException") << name;
+            EXPECT_THAT(message, testing::AllOf(StartsWith(name + ": "), HasSubstr(path)));
         }
         EXPECT_EQ(routes, count);
     }
@@ -150,9 +141,8 @@ TEST_F(ModuleTest, SettingsLandInTheirRegisters)
         {[&] { autofocus_.reset(); }, autofocusPath, 0x18, 0},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(&c - cases);
         c.set();
-        EXPECT_EQ(rawRegister(c.path, c.address), c.value);
+        EXPECT_EQ(rawRegister(c.path, c.address), c.value) << c.path << " " << c.address;
     }
 }
 
@@ -174,9 +164,8 @@ TEST_F(ModuleTest, InjectedFaultsBecomeIOErrors)
         {"", Fault::none, [] { IOAutoFocus(autofocusPath).getPosition(); }, "not open"},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.text);
         board_->faults().inject(c.path, c.fault);
-        EXPECT_THAT(c.call, k52test::throwsWith<utils::IOError>(c.text));
+        EXPECT_THAT(c.call, k52test::throwsWith<utils::IOError>(c.text)) << c.text;
         board_->faults().clear(c.path);
     }
 }

@@ -23,8 +23,6 @@ constexpr const char* device = "/dev/video0";
 constexpr uint32_t grey = V4L2_PIX_FMT_GREY;
 constexpr uint32_t rgb3 = V4L2_PIX_FMT_RGB24;
 
-uint32_t le32(const uint8_t* p) { return p[0] | p[1] << 8 | p[2] << 16 | uint32_t(p[3]) << 24; }
-
 struct Frame {
     uint32_t bytesUsed = 0;
     uint32_t sequence = 0;
@@ -131,30 +129,21 @@ TEST_F(IOV4L2Test, ControlsAreListedAndSetAsTheKernelWould)
     }
 }
 
+// The frame counter in the first bytes is the stream tests' (end to end).
 TEST_F(IOV4L2Test, StreamsPaddedFramesThroughRequeuedBuffers)
 {
-    const uint32_t cases[][5] = { // fourcc, index, height, row bytes, stride
-        {grey, 0, 480, 640, 640},
-        {rgb3, 1, 1088, 4368, 4416},
-    };
-    for (const auto& [fourcc, index, height, rowBytes, stride] : cases) {
-        SCOPED_TRACE(IOV4L2::fourccToString(fourcc) + " #" + std::to_string(index));
-        IOV4L2 camera(device);
-        startStream(camera, fourcc, index, 3);
-        for (uint32_t i = 0; i < 5; ++i) { // past the third frame every buffer came back
-            const Frame frame = await(camera);
-            ASSERT_EQ(frame.bytesUsed, stride * height);
-            EXPECT_EQ(frame.sequence, i);
-            EXPECT_EQ(le32(frame.bytes.data()), i);
-            EXPECT_EQ(le32(frame.bytes.data() + 4), ~i);
-            const uint8_t* lastRow = frame.bytes.data() + size_t(height - 1) * stride;
-            EXPECT_EQ(size_t(std::count(lastRow + rowBytes, lastRow + stride, 0)), stride - rowBytes);
-        }
-        camera.unmapBuffers();
-        EXPECT_FALSE(camera.isStreaming());
-    }
-    // More failing handlers than buffers: a buffer not requeued would starve the stream.
     IOV4L2 camera(device);
+    startStream(camera, rgb3, 1, 3); // rows of 4368 bytes in 4416
+    for (uint32_t i = 0; i < 5; ++i) { // past the third frame every buffer came back
+        const Frame frame = await(camera);
+        ASSERT_EQ(frame.bytesUsed, 4416u * 1088);
+        EXPECT_EQ(frame.sequence, i);
+        const uint8_t* lastRow = frame.bytes.data() + size_t(1087) * 4416;
+        EXPECT_EQ(std::count(lastRow + 4368, lastRow + 4416, 0), 48);
+    }
+    camera.unmapBuffers();
+    EXPECT_FALSE(camera.isStreaming());
+    // More failing handlers than buffers: a buffer not requeued would starve the stream.
     startStream(camera, grey, 0, 2);
     for (int i = 0; i < 3; ++i)
         EXPECT_THROW(camera.awaitFrameMap(2000, [](auto...) { throw std::runtime_error("handler"); }),
