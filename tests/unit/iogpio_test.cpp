@@ -140,9 +140,9 @@ TEST_F(IOGPIOTest, CloseStopsPromptlyAndTheLineCanBeReopened)
     EXPECT_EQ(log.waitFor(1).size(), 1u);
 }
 
-// Two "MonitorButton" commands on two workers: open() and close() race for one line request
-// and its watcher while the button is worked. Every call succeeds, and once the last close()
-// has returned no callback runs.
+// Two "MonitorButton" commands on two workers: open(), setCallback() and close() race for one
+// line request, its watcher and its callbacks while the button is worked. Every call succeeds,
+// and once the last close() has returned no callback runs.
 TEST_F(IOGPIOTest, ConcurrentOpenAndCloseShareOneRequest)
 {
     IOGPIO button(12, 0, 0, 3, "gpiochip0");
@@ -152,9 +152,12 @@ TEST_F(IOGPIOTest, ConcurrentOpenAndCloseShareOneRequest)
         for (; !done; std::this_thread::sleep_for(1ms))
             click();
     });
-    auto toggle = [&button] {
-        for (int i = 0; i < 100; ++i)
-            EXPECT_NO_THROW({ button.open(); button.close(); });
+    auto toggle = [&button, &log] {
+        for (int i = 0; i < 100; ++i) {
+            button.open();
+            button.setCallback(rising, [&log] { log.add(rising); });
+            button.close();
+        }
     };
     {
         std::jthread first(toggle);

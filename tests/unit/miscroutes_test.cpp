@@ -11,7 +11,6 @@
 #include "utils/io/iosmartsensor.h"
 #include "utils/platform/emulated/board.h"
 #include "utils/platform/emulated/gpiochip.h"
-#include "utils/platform/emulated/i2cbus.h"
 #include "utils/platform/emulated/smartsensormodel.h"
 #include "utils/platform/emulated/textfile.h"
 #include "utils/platform/filedescriptor.h"
@@ -26,7 +25,6 @@
 #include <bit>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <syslog.h>
 #include <thread>
 
@@ -59,17 +57,13 @@ TEST(SmartSensorRoutes, GyroIsConfiguredOrSwitchedOff)
         // The virtual-sensor register straight off the bus: id, f32 rate, u32 latency, little-endian.
         uint8_t bytes[9] = {};
         utils::IOI2CFile("/dev/i2c-5", 40).readBlock(0x30, bytes);
-        uint32_t rate, latency;
-        std::memcpy(&rate, bytes + 1, 4);
-        std::memcpy(&latency, bytes + 5, 4);
         EXPECT_EQ(bytes[0], 37);
-        EXPECT_EQ(std::bit_cast<float>(rate), c.rateHz);
-        EXPECT_EQ(latency, c.latencyMs);
+        EXPECT_EQ(std::bit_cast<float>(k52test::word(bytes, 1)), c.rateHz);
+        EXPECT_EQ(k52test::word(bytes, 5), c.latencyMs);
     }
     auto [status, message] = h.run("SmartSensorSetGyro 1 2000 10");
     EXPECT_EQ(status, "ErrorRuntimeError") << "the sensor refuses a rate beyond its fastest";
     EXPECT_THAT(message, StartsWith("SmartSensorSetGyro: "));
-    EXPECT_THROW(h.run("SmartSensorSetGyro 1 500"), std::out_of_range);
     h.board().faults().inject("/dev/i2c-5", Fault::ioError);
     auto [ioStatus, ioMessage] = h.run("SmartSensorSetGyro 1 100 10");
     EXPECT_EQ(ioStatus, "ErrorIOException");
@@ -96,10 +90,9 @@ TEST(I2CRoutes, RegisterAccessAndBusFailures)
     });
     auto [status, message] = h.run("GetI2C 9 80 1");
     EXPECT_EQ(status, "ErrorIOException");
-    EXPECT_THAT(message, testing::AllOf(StartsWith("Failed"), HasSubstr("/dev/i2c-9")));
+    EXPECT_THAT(message, testing::AllOf(StartsWith("Failed"), HasSubstr("Unable to open '/dev/i2c-9'")));
     h.board().faults().inject("/dev/i2c-3", Fault::ioError);
     expectExchanges(h, {{"SetI2C 3 80 1 1", "Error", failed}, {"GetI2C 2 80 1", "OK", "register 1 = 53"}});
-    EXPECT_THROW(h.run("SetI2C 3 80 1"), std::out_of_range);
 }
 
 // Raw I2C_SMBUS records as any i2c-dev client builds them, against the EEPROM (0x50) of
@@ -180,8 +173,6 @@ TEST(I2CDevice, FailuresNameTheAddressAndTheBus)
         EXPECT_THAT([&] { file.writeWord(0, 1); }, k52test::throwsWith<utils::IOError>("0x50 on /dev/i2c-2"));
         h.board().faults().clear("/dev/i2c-2");
     }
-    h.board().faults().inject("/dev/i2c-4", Fault::openFails);
-    EXPECT_THROW(utils::IOI2CFile("/dev/i2c-4", 0x50), utils::IOError);
     // The RTU's registers (their bytes are the RTU routes' tests') name the register.
     utils::IOI2CRTU absent("/dev/i2c-2", 67, O_RDWR);
     EXPECT_THAT([&] { absent.readRTUHalfwordRegister(14); }, k52test::throwsWith<utils::IOError>("RTU register 14"));
@@ -219,40 +210,33 @@ TEST(CpuInfoRoutes, ReportTheFileAsItIsNowOrItsFailure)
 
 // --- button ---------------------------------------------------------------------------------
 
-class ButtonRoute : public ::testing::Test {
-protected:
-    GPIOChip& chip() { return dynamic_cast<GPIOChip&>(*h.board().device(GPIOChip::path)); }
-
-    std::unique_ptr<k52client::ControlClient> connect()
-    {
-        auto client = std::make_unique<k52client::ControlClient>("127.0.0.1", h.config.controlPort());
-        h.resources->controlSocket().acceptConnection();
-        return client;
-    }
-
-    void TearDown() override { h.run("MonitorButton 0"); }
-
-    k52test::RouterHarness h;
-};
-
-TEST_F(ButtonRoute, EdgesBecomeColouredNoticesInOrder)
+TEST(ButtonRoute, EdgesBecomeColouredNoticesInOrderUntilDisabled)
 {
+    k52test::RouterHarness h;
+    auto& chip = dynamic_cast<GPIOChip&>(*h.board().device(GPIOChip::path));
+    h.board().faults().inject(GPIOChip::path, Fault::openFails);
+    auto [status, message] = h.run("MonitorButton 1");
+    EXPECT_EQ(status, "ErrorIOException");
+    EXPECT_THAT(message, StartsWith("Failed"));
+    h.board().faults().clear(GPIOChip::path);
+
     k52test::SyslogCapture capture;
     // A second enable replaces the callbacks: still one notice per edge.
     expectExchanges(h, {{"MonitorButton 1", "OK", "button monitor enabled."},
                         {"MonitorButton 1", "OK", "button monitor enabled."}});
-    chip().press();
+    chip.press();
     std::this_thread::sleep_for(200ms); // an edge with nobody to tell breaks nothing
-    auto client = connect();
-    chip().release();
-    chip().press();
+    k52client::ControlClient client("127.0.0.1", h.config.controlPort());
+    h.resources->controlSocket().acceptConnection();
+    chip.release();
+    chip.press();
     for (auto [text, color] : {std::pair{"Button : Falling Edge Detected.", 0x3B65E3u},
                                {"Button : Rising Edge Detected.", 0xFF9D00u}}) {
-        k52client::Notice notice = client->readNotice(2000ms);
+        k52client::Notice notice = client.readNotice(2000ms);
         EXPECT_EQ(notice.message, text);
         EXPECT_EQ(notice.color, color);
     }
-    EXPECT_THROW(client->readNotice(300ms), std::runtime_error) << "no duplicate notices";
+    EXPECT_THROW(client.readNotice(300ms), std::runtime_error) << "no duplicate notices";
 
     std::vector<std::pair<int, std::string>> edges;
     for (const auto& record : capture.records())
@@ -260,42 +244,11 @@ TEST_F(ButtonRoute, EdgesBecomeColouredNoticesInOrder)
             edges.emplace_back(LOG_PRI(record.priority), record.text.substr(record.text.rfind("] ") + 2));
     const std::pair<int, std::string> rising{LOG_WARNING, "Button : Rising Edge Detected !\n"};
     EXPECT_EQ(edges, (decltype(edges){rising, {LOG_INFO, "Button : Falling Edge Detected !\n"}, rising}));
-}
 
-// Two workers switch the monitor on and off at once; every command succeeds and, after the
-// last disable, nothing is sent.
-TEST_F(ButtonRoute, DisabledMonitoringSendsNothing)
-{
-    auto client = connect();
-    auto toggle = [this] {
-        for (int i = 0; i < 20; ++i)
-            expectExchanges(h, {{"MonitorButton 1", "OK", "button monitor enabled."},
-                                {"MonitorButton 0", "OK", "button monitor disabled."}});
-    };
-    {
-        std::jthread first(toggle);
-        std::jthread second(toggle);
-    }
     expectExchanges(h, {{"MonitorButton 0", "OK", "button monitor disabled."}});
-    chip().press();
-    chip().release();
-    EXPECT_THROW(client->readNotice(300ms), std::runtime_error);
+    chip.release();
+    EXPECT_THROW(client.readNotice(300ms), std::runtime_error) << "disabled";
 }
-
-TEST_F(ButtonRoute, ArgumentAndDeviceFailures)
-{
-    EXPECT_THROW(h.run("MonitorButton"), std::out_of_range);
-    EXPECT_THROW(h.run("MonitorButton on"), utils::UtilsRuntimeError);
-    h.board().faults().inject(GPIOChip::path, Fault::openFails);
-    auto [status, message] = h.run("MonitorButton 1");
-    EXPECT_EQ(status, "ErrorIOException");
-    EXPECT_THAT(message, StartsWith("Failed"));
-    h.board().faults().clear(GPIOChip::path);
-}
-
-
-constexpr const char* busPath = "/dev/i2c-5";
-const std::string shippedFirmware = std::string(K52_SOURCE_DIR) + "/etc/firmware/smartsensor.bin";
 
 std::string le32(uint32_t v)
 {
@@ -309,58 +262,26 @@ std::string firmwareImage(const std::string& payload)
     return "K52SSFW1" + le32(payload.size()) + le32(crc) + payload;
 }
 
-class SmartSensorTest : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        attachSmartSensor(*board_);
-    }
-
-    IOSmartSensor makeSensor(uint8_t address = 40)
-    {
-        return IOSmartSensor(busPath, address, 2, 17, 100, shippedFirmware,
-                             [this](const std::string& m) { messages_.push_back(m); });
-    }
-    void bringUp(IOSmartSensor& sensor)
-    {
-        sensor.softReset();
-        sensor.registerCallBacks();
-        sensor.uploadFirmwareToRam(shippedFirmware);
-        sensor.boot();
-    }
+// One sensor from reset to running: damaged images refused, the shipped one taken, each step
+// reported.
+TEST(SmartSensor, RefusesBadFirmwareThenRunsTheShippedOne)
+{
+    k52test::InstalledBoard board;
+    attachSmartSensor(*board);
+    k52test::TempDir dir("k52smartsensor");
+    const std::string shipped = std::string(K52_SOURCE_DIR) + "/etc/firmware/smartsensor.bin";
+    std::vector<std::string> messages;
+    IOSmartSensor sensor("/dev/i2c-5", 40, 2, 17, 100, shipped,
+                         [&](const std::string& m) { messages.push_back(m); });
     // Registers read straight off the bus, bypassing the driver.
-    std::string rawRead(uint8_t reg, size_t length)
-    {
+    auto rawRead = [](uint8_t reg, size_t length) {
         std::string bytes(length, '\0');
-        utils::IOI2CFile(busPath, 40).readBlock(reg, {reinterpret_cast<uint8_t*>(bytes.data()), length});
+        utils::IOI2CFile("/dev/i2c-5", 40).readBlock(reg, {reinterpret_cast<uint8_t*>(bytes.data()), length});
         return bytes;
-    }
+    };
+    EXPECT_THAT([&] { sensor.enableVirtualSensor(37, 100.0f, 10); },
+                throwsWith<utils::UtilsRuntimeError>("not running"));
 
-    k52test::InstalledBoard board_;
-    std::vector<std::string> messages_;
-    k52test::TempDir dir_{"k52smartsensor"};
-};
-
-TEST_F(SmartSensorTest, BringsUpTheShippedFirmwareAndReportsEachStep)
-{
-    auto sensor = makeSensor();
-    bringUp(sensor);
-    std::string payload = k52test::fileBytes(shippedFirmware).substr(16);
-    uint32_t crc = crc32(0, reinterpret_cast<const Bytef*>(payload.data()), payload.size());
-    EXPECT_EQ(rawRead(0x10, 4), le32(payload.size()));
-    EXPECT_EQ(rawRead(0x14, 4), le32(crc));
-    EXPECT_EQ(rawRead(0x04, 1), std::string(1, '\x03')) << "data-ready and error interrupts";
-    EXPECT_EQ(messages_, (std::vector<std::string>{
-                             "SmartSensor: soft reset done, bootloader ready.",
-                             "SmartSensor: data-ready and error interrupts routed to GPIO 17.",
-                             "SmartSensor: uploaded " + std::to_string(payload.size()) + " bytes of firmware '" +
-                                 shippedFirmware + "' (CRC " + k52test::hex(crc) + ").",
-                             "SmartSensor: firmware running.",
-                         }));
-}
-
-TEST_F(SmartSensorTest, BadFirmwareFilesAreRejectedBeforeTheSensorRunsThem)
-{
     std::string good = firmwareImage(std::string(1000, '\x5a'));
     std::string flipped = good;
     flipped[500] ^= 0x01;
@@ -376,60 +297,48 @@ TEST_F(SmartSensorTest, BadFirmwareFilesAreRejectedBeforeTheSensorRunsThem)
         {"larger than the sensor's RAM", firmwareImage(std::string(65537, '\x01')),
          "payload of 65537 bytes"},
     };
-    auto sensor = makeSensor();
     sensor.softReset();
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        std::string path = dir_.writeFile(std::string(c.name) + ".bin", c.image);
-        EXPECT_THAT([&] { sensor.uploadFirmwareToRam(path); }, throwsWith<utils::UtilsRuntimeError>(c.text));
+        std::string path = dir.writeFile(std::string(c.name) + ".bin", c.image);
+        EXPECT_THAT([&] { sensor.uploadFirmwareToRam(path); }, throwsWith<utils::UtilsRuntimeError>(c.text))
+            << c.name;
     }
-    EXPECT_THAT([&] { sensor.uploadFirmwareToRam(dir_.file("missing.bin")); },
+    EXPECT_THAT([&] { sensor.uploadFirmwareToRam(dir.file("missing.bin")); },
                 throwsWith<utils::IOError>("No such file or directory"));
     EXPECT_THAT([&] { sensor.boot(); }, throwsWith<utils::UtilsRuntimeError>("no valid firmware to boot"));
+    sensor.uploadFirmwareToRam(dir.writeFile("good.bin", good)); // the undamaged image is taken
 
-    // A valid image of any size goes across in chunks, the last one short; only a sensor in
-    // its bootloader takes one, and a reset drops the running firmware.
-    sensor.uploadFirmwareToRam(dir_.writeFile("good.bin", good));
+    messages.clear();
+    sensor.softReset();
+    sensor.registerCallBacks();
+    sensor.uploadFirmwareToRam(shipped);
     sensor.boot();
-    EXPECT_TRUE(sensor.isRunning());
-    EXPECT_THAT([&] { sensor.uploadFirmwareToRam(shippedFirmware); },
+    std::string payload = k52test::fileBytes(shipped).substr(16);
+    uint32_t crc = crc32(0, reinterpret_cast<const Bytef*>(payload.data()), payload.size());
+    EXPECT_EQ(rawRead(0x10, 4), le32(payload.size()));
+    EXPECT_EQ(rawRead(0x14, 4), le32(crc));
+    EXPECT_EQ(rawRead(0x04, 1), std::string(1, '\x03')) << "data-ready and error interrupts";
+    // Rates round up to one the sensor runs; the register bytes are the gyro route's test's.
+    sensor.enableVirtualSensor(37, 0.5f, 10);
+    sensor.enableVirtualSensor(37, 0.0f, 10);
+    EXPECT_EQ(messages, (std::vector<std::string>{
+                            "SmartSensor: soft reset done, bootloader ready.",
+                            "SmartSensor: data-ready and error interrupts routed to GPIO 17.",
+                            "SmartSensor: uploaded " + std::to_string(payload.size()) +
+                                " bytes of firmware '" + shipped + "' (CRC " + k52test::hex(crc) + ").",
+                            "SmartSensor: firmware running.",
+                            "SmartSensor: virtual sensor 37 at 25 Hz (asked 0.5), latency 10 ms.",
+                            "SmartSensor: virtual sensor 37 disabled.",
+                        }));
+    EXPECT_THAT([&] { sensor.enableVirtualSensor(36, 100.0f, 10); },
+                throwsWith<utils::UtilsRuntimeError>("refused virtual sensor 36: unknown virtual sensor."));
+    EXPECT_THAT([&] { sensor.enableVirtualSensor(37, -1.0f, 10); },
+                throwsWith<utils::UtilsRuntimeError>("invalid rate -1"));
+    // Only a sensor in its bootloader takes firmware, and a reset drops the running one.
+    EXPECT_THAT([&] { sensor.uploadFirmwareToRam(shipped); },
                 throwsWith<utils::UtilsRuntimeError>("not in its bootloader"));
     sensor.softReset();
     EXPECT_FALSE(sensor.isRunning());
-}
-
-// Rates round up to one the sensor runs; the register bytes and a rate beyond the sensor's are
-// the gyro route's test's.
-TEST_F(SmartSensorTest, VirtualSensorRequests)
-{
-    auto sensor = makeSensor();
-    EXPECT_THAT([&] { sensor.enableVirtualSensor(37, 100.0f, 10); },
-                throwsWith<utils::UtilsRuntimeError>("not running"));
-    bringUp(sensor);
-    messages_.clear();
-    sensor.enableVirtualSensor(37, 0.5f, 10);
-    sensor.enableVirtualSensor(37, 0.0f, 10);
-    EXPECT_EQ(messages_, (std::vector<std::string>{
-                             "SmartSensor: virtual sensor 37 at 25 Hz (asked 0.5), latency 10 ms.",
-                             "SmartSensor: virtual sensor 37 disabled.",
-                         }));
-    EXPECT_THAT([&] { sensor.enableVirtualSensor(36, 100.0f, 10); },
-                throwsWith<utils::UtilsRuntimeError>("refused virtual sensor 36: unknown virtual sensor."));
-    EXPECT_THAT([&] { sensor.enableVirtualSensor(37, -1.0f, 10); }, throwsWith<utils::UtilsRuntimeError>("invalid rate -1"));
-}
-
-TEST_F(SmartSensorTest, BusFaultsAndAMissingSensorBecomeIOErrors)
-{
-    // A bus error is the gyro route's test's.
-    for (const auto& [fault, address, text] : {std::tuple{Fault::openFails, 40, "Unable to open '/dev/i2c-5'"},
-                                               std::tuple{Fault::timeout, 40, "timed out"},
-                                               std::tuple{Fault::none, 41, "No such device or address"}}) {
-        SCOPED_TRACE(text);
-        board_->faults().inject(busPath, fault);
-        auto sensor = makeSensor(static_cast<uint8_t>(address));
-        EXPECT_THAT([&] { sensor.softReset(); }, throwsWith<utils::IOError>(text));
-        board_->faults().clear(busPath);
-    }
 }
 
 } // namespace
