@@ -29,10 +29,9 @@ std::string ackFrame(const std::string& text)
 {
     const size_t n = text.size() + 1;
     std::string bytes(20 + n, '\0');
-    put(bytes, 0, 0x0510FFFF);
-    put(bytes, 4, static_cast<uint32_t>(20 + n));
-    put(bytes, 8, 0x052A1001);
-    put(bytes, 12, static_cast<uint32_t>(8 + n));
+    for (const auto& [offset, value] :
+         {std::pair<size_t, size_t>{0, 0x0510FFFF}, {4, 20 + n}, {8, 0x052A1001}, {12, 8 + n}})
+        put(bytes, offset, static_cast<uint32_t>(value));
     std::memcpy(bytes.data() + 16, text.c_str(), n);
     put(bytes, 16 + n, zlibCrc(bytes, 16 + n));
     return bytes;
