@@ -76,11 +76,11 @@ TEST_F(IOV4L2Test, FormatsPadRowsToSixtyFourBytes)
         {rgb3, 1, 1456, 1088, 4416}, {grey, 2, 2472, 2064, 2496}, {rgb3, 2, 2472, 2064, 7424},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(IOV4L2::fourccToString(c[0]) + " #" + std::to_string(c[1]));
         camera.setFormat(c[0], c[1]);
         const v4l2_pix_format pix = camera.getFormat();
         EXPECT_EQ(std::vector<uint32_t>({pix.pixelformat, pix.width, pix.height, pix.bytesperline, pix.sizeimage}),
-                  std::vector<uint32_t>({c[0], c[2], c[3], c[4], c[4] * c[3]}));
+                  std::vector<uint32_t>({c[0], c[2], c[3], c[4], c[4] * c[3]}))
+            << IOV4L2::fourccToString(c[0]) << " #" << c[1];
     }
     // Buffers are sized for the current format, so the device refuses a change meanwhile.
     camera.mapBuffers(2);
@@ -156,7 +156,6 @@ TEST_F(IOV4L2Test, ReportsDeviceFaultsMisuseAndTimeouts)
     board->faults().inject(device, Fault::openFails);
     EXPECT_THAT([] { IOV4L2 camera(device); }, k52test::throwsWith<utils::IOError>(device, "No such device"));
     board->faults().clear(device);
-    EXPECT_THROW(IOV4L2("/dev/video7"), utils::IOError);
     IOV4L2 camera(device);
     EXPECT_THROW(await(camera), utils::UtilsRuntimeError) << "not streaming";
     EXPECT_THROW(camera.queryBuffer(0), utils::UtilsRuntimeError);

@@ -87,14 +87,13 @@ TEST(ToFRoutes, DistanceMatrixShapeFollowsResolution)
 {
     k52test::RouterHarness h;
     for (const auto& [resolution, side] : {std::pair{"ToFSetResolution 0", 4}, std::pair{"ToFSetResolution 1", 8}}) {
-        SCOPED_TRACE(resolution);
-        ASSERT_EQ(h.run(resolution).first, "OK");
+        ASSERT_EQ(h.run(resolution).first, "OK") << resolution;
         auto [status, matrix] = h.run("ToFGetDistanceMatrix");
         ASSERT_EQ(status, "OK") << matrix;
         const std::string field = "(?: {3}[0-9]| {2}[0-9]{2}| [0-9]{3}|[0-9]{4})\\t";
         const std::string row = "(?:" + field + "){" + std::to_string(side) + "}\\t\\.:\\.\\t";
         EXPECT_TRUE(std::regex_match(matrix, std::regex("(?:" + row + "){" + std::to_string(side) + "}\\t\\t")))
-            << "'" << matrix << "'";
+            << resolution << ": '" << matrix << "'";
     }
 }
 
@@ -258,20 +257,7 @@ TEST_F(ToFTest, ShotsRangeOnlyWhileAsked)
     EXPECT_THROW(tof_.shot(), utils::IOError);
     board_->faults().clear(tofPath);
     EXPECT_EQ(status(0x2), 0u);
-}
-
-// An open failure is the routes' test's; this one happens while the sensor boots.
-TEST_F(ToFTest, AFaultAtStartLeavesTheSensorDead)
-{
-    board_->faults().inject(tofPath, Fault::timeout);
-    IOToF tof(tofPath);
-    EXPECT_THAT([&] { tof.init_tof_sensor(); }, throwsWith<utils::IOError>("Timed out"));
-    EXPECT_THROW(tof.throwIfDead(), utils::UtilsRuntimeError);
-}
-
-TEST_F(ToFTest, ConcurrentShotsAreSerialisedByTheDriver)
-{
-    tof_.set_frequency(60);
+    // Concurrent shots are serialised by the driver.
     auto worker = [&] {
         for (int i = 0; i < 10; ++i) {
             tof_.shot();
@@ -281,6 +267,15 @@ TEST_F(ToFTest, ConcurrentShotsAreSerialisedByTheDriver)
     std::thread other(worker);
     worker();
     other.join();
+}
+
+// An open failure is the routes' test's; this one happens while the sensor boots.
+TEST_F(ToFTest, AFaultAtStartLeavesTheSensorDead)
+{
+    board_->faults().inject(tofPath, Fault::timeout);
+    IOToF tof(tofPath);
+    EXPECT_THAT([&] { tof.init_tof_sensor(); }, throwsWith<utils::IOError>("Timed out"));
+    EXPECT_THROW(tof.throwIfDead(), utils::UtilsRuntimeError);
 }
 
 } // namespace
