@@ -89,14 +89,14 @@ protected:
 
 TEST_F(AcceleratedProcessingTest, KernelsMatchACpuComputationOfTheRegion)
 {
-    struct Case {
+    // The frame's width, height and row length, then the bounds as a client sends them. The whole
+    // unpadded frame goes to the kernel as it is; a part of a padded frame is cut out and
+    // normalised first.
+    const struct {
         const char* kernel;
-        uint32_t width, height, rowPixels; // the frame
-        int32_t x0, x1, y0, y1;            // the bounds as a client sends them
-    };
-    const Case cases[] = {
-        // The whole unpadded frame goes to the kernel as it is; a part of a padded frame is cut
-        // out and normalised first.
+        uint32_t width, height, rowPixels;
+        int32_t x0, x1, y0, y1;
+    } cases[] = {
         {"processImage", 640, 480, 640, 0, 640, 0, 480}, {"sobelFilter", 640, 480, 640, 0, 640, 0, 480},
         {"processImage", 650, 200, 704, 17, 412, 9, 150}, {"sobelFilter", 650, 200, 704, 17, 412, 9, 150},
     };

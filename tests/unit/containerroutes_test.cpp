@@ -74,10 +74,20 @@ protected:
     k52test::RouterHarness h;
 };
 
-// The message's framing is checked end to end; here its content after a refresh.
-TEST_F(ContainerRoutes, XmlDescriptorRefreshReplacesTheOldStatus)
+// The message's framing is checked end to end; here what fails sends nothing, and the content
+// after a refresh.
+TEST_F(ContainerRoutes, XmlDescriptorFailuresSendNothingAndARefreshReplacesTheOldStatus)
 {
+    EXPECT_EQ(h.run("GetXmlDescriptor").first, "ErrorIOException") << "no control client";
     auto control = connectControl();
+    for (const char* device : {"/dev/imx0", "/dev/k52rtu"}) {
+        h.board().faults().inject(device, utils::platform::emulated::Fault::ioError);
+        auto [status, reply] = h.run("GetXmlDescriptor");
+        EXPECT_EQ(status, "ErrorIOException");
+        EXPECT_THAT(reply, testing::AllOf(StartsWith("GetXmlDescriptor: "), testing::HasSubstr(device)));
+        EXPECT_TRUE(nothingMoreArrived(control)) << device;
+        h.board().faults().clear(device);
+    }
     ASSERT_EQ(h.run("SetIMXExposure 4321").first, "OK");
     ASSERT_EQ(h.run("GetXmlDescriptor").first, "OK");
     receive(control, descriptorSize);
@@ -96,30 +106,10 @@ TEST_F(ContainerRoutes, XmlDescriptorRefreshReplacesTheOldStatus)
                                     {"sensorType", "monochrome"}, {"width", "1456"}})
         EXPECT_EQ(text(status.FirstChildElement("imx").FirstChildElement(name)), value) << name;
     EXPECT_NE(status.FirstChildElement("rtu").FirstChildElement().ToElement(), nullptr);
-    // The route help as rendered on demand: arguments as parameters, in order.
-    tinyxml2::XMLHandle parameter = status.FirstChildElement("SetV4L2Format").FirstChildElement("parameter");
-    EXPECT_EQ(text(parameter.FirstChildElement("name")), "format");
-    EXPECT_EQ(text(parameter.FirstChildElement("type")), "numerical");
-    EXPECT_EQ(text(parameter.NextSiblingElement("parameter").FirstChildElement("name")), "resolution_index");
     // What registration and start-up wrote stays.
     EXPECT_EQ(text(root.FirstChildElement("settings").FirstChildElement("GetXmlDescriptor").FirstChildElement("help")),
               "Streams the XML descriptor");
     EXPECT_EQ(text(root.FirstChildElement("factory").FirstChildElement("name")), "k52app");
-}
-
-TEST_F(ContainerRoutes, XmlDescriptorFailuresSendNothing)
-{
-    // No control client: nothing can be sent.
-    EXPECT_EQ(h.run("GetXmlDescriptor").first, "ErrorIOException");
-    auto control = connectControl();
-    for (const char* device : {"/dev/imx0", "/dev/k52rtu"}) {
-        h.board().faults().inject(device, utils::platform::emulated::Fault::ioError);
-        auto [status, reply] = h.run("GetXmlDescriptor");
-        EXPECT_EQ(status, "ErrorIOException");
-        EXPECT_THAT(reply, testing::AllOf(StartsWith("GetXmlDescriptor: "), testing::HasSubstr(device)));
-        EXPECT_TRUE(nothingMoreArrived(control)) << device;
-        h.board().faults().clear(device);
-    }
 }
 
 // A frame that cannot be sent is still stored; an unknown one changes nothing and sends nothing
@@ -218,7 +208,6 @@ TEST(ImageSerializer, WritesWhatOtherToolsRead)
     ImageSerializer::write(directory.file("out.ppm"), rgb);
     auto back = ImageSerializer::read(directory.file("out.ppm"));
     EXPECT_EQ(back.pixels, rgb.pixels);
-    EXPECT_EQ(back.channels, 3u);
 
     EXPECT_THROW(ImageSerializer::encode({2, 2, 1, {1, 2, 3}}), utils::UtilsRuntimeError);
     EXPECT_THROW(ImageSerializer::encode({1, 1, 2, {1, 2}}), utils::UtilsRuntimeError);
