@@ -214,6 +214,7 @@ TEST(ButtonRoute, EdgesBecomeColouredNoticesInOrderUntilDisabled)
 {
     k52test::RouterHarness h;
     auto& chip = dynamic_cast<GPIOChip&>(*h.board().device(GPIOChip::path));
+    EXPECT_THROW(h.run("MonitorButton on"), utils::UtilsRuntimeError);
     h.board().faults().inject(GPIOChip::path, Fault::openFails);
     auto [status, message] = h.run("MonitorButton 1");
     EXPECT_EQ(status, "ErrorIOException");

@@ -80,7 +80,7 @@ TEST(TCPSocket, ServesACommandAndAnswersWithEveryByteWithinBoundedWaits)
     send(*client, "help\r\n");
     EXPECT_EQ(withinAttempts([&] { return socket.receive(fd); }), "help\r\n");
 
-    // Larger than any socket buffer, so send() must loop over partial writes.
+    // A frame larger than any socket buffer arrives whole and in order.
     std::vector<char> frame(8 << 20);
     std::iota(frame.begin(), frame.end(), 0);
     std::vector<char> received(frame.size());
