@@ -62,14 +62,13 @@ std::vector<std::string> ownEnvironment(const std::string& socketPath)
 
 } // namespace
 
-DaemonProcess::DaemonProcess(const EmulatedConfig::Overrides& overrides,
-                             const std::vector<std::string>& extraArguments)
+DaemonProcess::DaemonProcess(const EmulatedConfig::Overrides& overrides)
     : config_(overrides),
       controlPort_(config_.controlPort()),
       streamPort_(config_.streamPort()),
       socketPath_(config_.dir().file("syslog.sock"))
 {
-    start({}, extraArguments);
+    start({});
 }
 
 DaemonProcess::DaemonProcess(SocketActivation, const EmulatedConfig::Overrides& overrides)
@@ -85,11 +84,10 @@ DaemonProcess::DaemonProcess(SocketActivation, const EmulatedConfig::Overrides& 
                                          "127.0.0.1:" + std::to_string(streamPort_), "--fdname=ctrl:stream"};
     for (const auto& variable : ownEnvironment(socketPath_))
         launcher.insert(launcher.end(), {"-E", variable});
-    start(launcher, {});
+    start(launcher);
 }
 
-void DaemonProcess::start(const std::vector<std::string>& launcher,
-                          const std::vector<std::string>& extraArguments)
+void DaemonProcess::start(const std::vector<std::string>& launcher)
 {
     sink_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     sockaddr_un address{};
@@ -102,7 +100,6 @@ void DaemonProcess::start(const std::vector<std::string>& launcher,
     std::vector<std::string> arguments = launcher, emulator = testLauncher();
     arguments.insert(arguments.end(), emulator.begin(), emulator.end());
     arguments.insert(arguments.end(), {K52APP_BINARY, "-c", config_.path()});
-    arguments.insert(arguments.end(), extraArguments.begin(), extraArguments.end());
     std::vector<std::string> environment = ownEnvironment(socketPath_);
     for (char** e = environ; *e; ++e) {
         const std::string entry = *e;

@@ -24,8 +24,7 @@ class DaemonProcess {
 public:
     // Starts the daemon and waits until its control socket accepts connections and its workers
     // run ("Core: started.", unless it ends first).
-    explicit DaemonProcess(const EmulatedConfig::Overrides& overrides = {},
-                           const std::vector<std::string>& extraArguments = {});
+    explicit DaemonProcess(const EmulatedConfig::Overrides& overrides = {});
 
     // Starts the daemon the way the service manager does: systemd-socket-activate holds the
     // two listening sockets (named "ctrl" and "stream") and starts k52app on the first
@@ -58,7 +57,7 @@ public:
     std::string standardError() const;
 
 private:
-    void start(const std::vector<std::string>& launcher, const std::vector<std::string>& extraArguments);
+    void start(const std::vector<std::string>& launcher);
     void collect();
     void release();
 

@@ -17,7 +17,6 @@ RouterHarness::RouterHarness(const EmulatedConfig::Overrides& overrides) : confi
     components_ = std::make_unique<k52app::CoreComponents>(*parser);
     resources = &components_->resources;
     capture = &components_->capture;
-    ackReport = &components_->ackReport;
     router = &components_->router;
     router->registerK52Commands();
 }

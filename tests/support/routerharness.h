@@ -42,7 +42,6 @@ public:
     // The daemon's own components, wired as its core wires them.
     k52app::K52ResourceManager* resources = nullptr;
     k52app::Capture* capture = nullptr;
-    k52app::AckReport* ackReport = nullptr;
     k52app::K52CommandRouter* router = nullptr;
 };
 

@@ -1,12 +1,21 @@
+// The route table: registration by family, the help trees in the XML container and on demand,
+// and the reference document rendered from it.
 #include "core/routereference.h"
 #include "support/routerharness.h"
+#include "support/syslogcapture.h"
+#include "utils/base/strings.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <tinyxml2.h>
+#include <zlib.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <sstream>
+
+using utils::SpinnerArgumentType;
 
 namespace {
 
@@ -14,14 +23,91 @@ const char* const referencePath = K52_SOURCE_DIR "/docs/routes.md";
 
 utils::SpinnerReply noReply(const std::vector<std::string>&) { return {"OK", ""}; }
 
+std::string text(const tinyxml2::XMLElement* e) { return e && e->GetText() ? e->GetText() : ""; }
+
+// Each child of `e` as "<name>=<text>", headed by `e`'s own name.
+std::vector<std::string> fields(const tinyxml2::XMLElement* e)
+{
+    std::vector<std::string> out{e->Name()};
+    for (auto* f = e->FirstChildElement(); f; f = f->NextSiblingElement())
+        out.push_back(std::string(f->Name()) + "=" + text(f));
+    return out;
+}
+
+// Registration logs each family in its order and writes every route's help into the XML container
+// (read as another process reads it, checksum verified with zlib); a second registration updates
+// it. The container keeps one element per argument, the on-demand rendering repeats <parameter> in
+// declaration order, and an argument of unknown type has no type text.
+TEST(K52CommandRouter, FamiliesAndHelpTreesInTheContainerAndOnDemand)
+{
+    k52test::SyslogCapture capture;
+    k52test::RouterHarness h;
+    const std::vector<std::string> expectedLines = {
+        "Registring K52 Routes... ", "\t* Container Routes... ", "\t* Static-Frame Routes... ",
+        "\t* V4L2 Routes", "\t* IMX Routes", "\t* RTU Routes", "\t* AF Routes",
+        "\t* Illumination Routes", "\t* I2C Routes", "\t* I2C-RTU Routes", "\t* SmartSensor Routes",
+        "\t* ToF Routes", "\t* CPU-info Routes", "\t* GPIO Routes", "\t* Middleware/Capture",
+        "Registered K52 Routes."};
+    std::vector<std::string> lines;
+    for (const auto& record : capture.records()) {
+        if (record.text.find(":registerK52Commands] ") == std::string::npos)
+            continue;
+        std::string line = record.text.substr(record.text.find("] ") + 2);
+        lines.push_back(line.substr(0, line.size() - 1));
+    }
+    EXPECT_EQ(lines, expectedLines);
+
+    const utils::SpinnerMetaData arguments{{
+        {"bounds", "the region", SpinnerArgumentType::numerical, std::monostate{}, utils::isNumericalString, "", -1},
+        {"odd", "of no known type", static_cast<SpinnerArgumentType>(0), std::monostate{}, {}, "", 2},
+    }};
+    h.router->registerRoute("ZzTestRoute", "does testing", arguments, noReply);
+    h.router->registerRoute("ZzBare", "no arguments", {}, noReply);
+    h.router->registerRoute("ZzTestRoute", "does testing again", arguments, noReply);
+
+    const auto* bytes = reinterpret_cast<const unsigned char*>(&h.resources->containers().xmlContainer());
+    uint32_t stored;
+    std::memcpy(&stored, bytes + 229372, 4);
+    EXPECT_EQ(stored, static_cast<uint32_t>(crc32(0, bytes, 229372)));
+    tinyxml2::XMLDocument document;
+    ASSERT_EQ(document.Parse(reinterpret_cast<const char*>(bytes + 16)), tinyxml2::XML_SUCCESS);
+    auto* settings = document.RootElement()->FirstChildElement("settings");
+    for (const auto& [name, route] : h.router->routes()) {
+        auto* element = settings->FirstChildElement(name.c_str());
+        ASSERT_TRUE(element) << name;
+        EXPECT_EQ(text(element->FirstChildElement("help")), route.description) << name;
+    }
+    EXPECT_EQ(fields(settings->FirstChildElement("ZzBare")), (std::vector<std::string>{"ZzBare", "help=no arguments"}));
+    auto* route = settings->FirstChildElement("ZzTestRoute");
+    EXPECT_EQ(fields(route), (std::vector<std::string>{"ZzTestRoute", "help=does testing again", "parameter="}));
+    std::vector<std::vector<std::string>> kept;
+    for (auto* p = route->FirstChildElement("parameter")->FirstChildElement(); p; p = p->NextSiblingElement())
+        kept.push_back(fields(p));
+    EXPECT_EQ(kept, (std::vector<std::vector<std::string>>{
+                        {"bounds", "description=the region", "type=numerical", "count=-1"},
+                        {"odd", "description=of no known type", "count=2"}}));
+
+    auto* parent = document.NewElement("status");
+    document.InsertEndChild(parent);
+    h.router->toXml(parent, &document);
+    EXPECT_EQ(fields(parent->FirstChildElement("ZzBare")), (std::vector<std::string>{"ZzBare", "help=no arguments"}));
+    std::vector<std::vector<std::string>> rendered;
+    for (auto* p = parent->FirstChildElement("ZzTestRoute")->FirstChildElement("parameter"); p;
+         p = p->NextSiblingElement("parameter"))
+        rendered.push_back(fields(p));
+    EXPECT_EQ(rendered, (std::vector<std::vector<std::string>>{
+                            {"parameter", "name=bounds", "description=the region", "type=numerical", "count=-1"},
+                            {"parameter", "name=odd", "description=of no known type", "type=", "count=2"}}));
+}
+
 // What none of the daemon's routes shows in the document below: an ordinal argument, a
 // fractional limit and a pipe inside a table cell.
 TEST(RouteReference, RendersWhatTheDocumentDoesNotShow)
 {
     utils::CommandRouter router;
     router.registerRoute("Alpha", "Takes things.",
-                         {{{"xy", "a point", utils::SpinnerArgumentType::ordinal, std::monostate{}, nullptr, "", 2},
-                           {"gain", "a|b", utils::SpinnerArgumentType::numerical,
+                         {{{"xy", "a point", SpinnerArgumentType::ordinal, std::monostate{}, nullptr, "", 2},
+                           {"gain", "a|b", SpinnerArgumentType::numerical,
                             utils::SpinnerArgumentNumericalLimit{-0.5, 0.5, 0.25}, nullptr, "", 1}}},
                          noReply);
     EXPECT_THAT(k52app::renderRouteReference(router),

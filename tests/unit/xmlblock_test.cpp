@@ -78,13 +78,7 @@ TEST_F(XmlBlockTest, UnusableBlockStartsFreshDocument)
         EXPECT_EQ(text(), stored) << "nothing is written before commit";
 
         serializer.commit();
-        tinyxml2::XMLDocument committed;
-        ASSERT_EQ(committed.Parse(block->text), tinyxml2::XML_SUCCESS);
-        ASSERT_NE(committed.FirstChild()->ToDeclaration(), nullptr);
-        auto* root = committed.FirstChildElement();
-        EXPECT_EQ(describe(root), "fresh");
-        EXPECT_EQ(root->FirstChild(), nullptr);
-        EXPECT_EQ(root->NextSibling(), nullptr);
+        EXPECT_EQ(text(), "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<fresh/>\n");
         EXPECT_TRUE(zeroAfterText());
     }
 }
@@ -179,7 +173,6 @@ TEST_F(XmlBlockTest, InsertWritesStreamTextOfValue)
     serializer.insert("/v/card", card, true);
     serializer.insert("/v/full", full, true);
     serializer.commit();
-    EXPECT_EQ(XMLBlockSerializer::to_string(uint64_t{18446744073709551615u}), "18446744073709551615");
     EXPECT_EQ(text().substr(text().find("<v>")),
               "<v>\n        <negative>-2147483648</negative>\n        <unsigned>4294967295</unsigned>\n"
               "        <card>emulated sensor</card>\n        <full>" + std::string(32, 'x') +
