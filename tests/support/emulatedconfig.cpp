@@ -85,18 +85,10 @@ EmulatedConfig::EmulatedConfig(const Overrides& overrides) : dir_("k52config")
     path_ = dir_.writeFile("k52app.conf", text.str());
 }
 
-namespace {
-
-uint16_t port(const std::map<std::string, std::string>& values, const char* key)
+uint16_t EmulatedConfig::port(const char* key) const
 {
-    auto it = values.find(key);
-    return it == values.end() ? 0 : static_cast<uint16_t>(std::stoi(it->second));
+    auto it = values_.find(key);
+    return it == values_.end() ? 0 : static_cast<uint16_t>(std::stoi(it->second));
 }
-
-} // namespace
-
-uint16_t EmulatedConfig::controlPort() const { return port(values_, "socket-ctrl"); }
-
-uint16_t EmulatedConfig::streamPort() const { return port(values_, "socket-stream"); }
 
 } // namespace k52test

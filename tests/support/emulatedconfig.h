@@ -34,11 +34,13 @@ public:
     std::string containerDir() const { return dir_.path() + "/containers/"; }
     const std::map<std::string, std::string>& values() const { return values_; }
     // 0 when the configuration names no port.
-    uint16_t controlPort() const;
-    uint16_t streamPort() const;
+    uint16_t controlPort() const { return port("socket-ctrl"); }
+    uint16_t streamPort() const { return port("socket-stream"); }
     const TempDir& dir() const { return dir_; }
 
 private:
+    uint16_t port(const char* key) const;
+
     TempDir dir_;
     std::map<std::string, std::string> values_;
     std::string path_;
