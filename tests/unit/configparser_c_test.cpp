@@ -25,14 +25,11 @@ auto withArguments(std::vector<std::string> words, Use use)
     return use(static_cast<int>(words.size()), argv.data());
 }
 
-struct HandleDeleter {
-    void operator()(ConfigParserHandle* handle) const { ConfigParser_destroy(handle); }
-};
-using Handle = std::unique_ptr<ConfigParserHandle, HandleDeleter>;
+using Handle = std::unique_ptr<ConfigParserHandle, decltype(&ConfigParser_destroy)>;
 
 Handle create(std::vector<std::string> words)
 {
-    return Handle(withArguments(std::move(words), ConfigParser_create));
+    return Handle(withArguments(std::move(words), ConfigParser_create), ConfigParser_destroy);
 }
 
 int reload(ConfigParserHandle* handle, const std::string& file)
