@@ -48,13 +48,11 @@ TEST(K52CommandRouter, FamiliesAndHelpTreesInTheContainerAndOnDemand)
         "\t* Illumination Routes", "\t* I2C Routes", "\t* I2C-RTU Routes", "\t* SmartSensor Routes",
         "\t* ToF Routes", "\t* CPU-info Routes", "\t* GPIO Routes", "\t* Middleware/Capture",
         "Registered K52 Routes."};
-    std::vector<std::string> lines;
-    for (const auto& record : capture.records()) {
-        if (record.text.find(":registerK52Commands] ") == std::string::npos)
-            continue;
-        std::string line = record.text.substr(record.text.find("] ") + 2);
-        lines.push_back(line.substr(0, line.size() - 1));
-    }
+    const std::string marker = ":registerK52Commands] ";
+    std::vector<std::string> lines; // without the record's closing line break
+    for (const auto& [priority, format, entry] : capture.records())
+        if (auto at = entry.find(marker); at != std::string::npos)
+            lines.push_back(entry.substr(at + marker.size(), entry.size() - at - marker.size() - 1));
     EXPECT_EQ(lines, expectedLines);
 
     const utils::SpinnerMetaData arguments{{
