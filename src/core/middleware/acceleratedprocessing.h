@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <mutex>
 #include <string>
-#include <vector>
 
 namespace utils {
 class IOV4L2;
@@ -75,7 +74,6 @@ private:
     size_t inputSize_ = 0;
     utils::IOOpenCL::Buffer output_;
     Region region_;
-    std::vector<uint8_t> cropped_; // kept between frames: the region's size changes rarely
 };
 
 } // namespace k52app

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <utility>
 
 namespace utils {
 
@@ -231,6 +232,29 @@ void IOOpenCL::writeBuffer(const Buffer& buffer, const void* source, size_t leng
     check(clEnqueueWriteBuffer(queue_.get(), buffer.get(), CL_TRUE, 0, length, source, 0, nullptr,
                                nullptr),
           "writing " + std::to_string(length) + " bytes to a buffer");
+}
+
+IOOpenCL::Mapping IOOpenCL::mapForWriting(const Buffer& buffer, size_t length)
+{
+    requireDevice("map a buffer");
+    cl_int status = CL_SUCCESS;
+    void* data = clEnqueueMapBuffer(queue_.get(), buffer.get(), CL_TRUE, CL_MAP_WRITE_INVALIDATE_REGION,
+                                    0, length, 0, nullptr, nullptr, &status);
+    check(status, "mapping " + std::to_string(length) + " bytes of a buffer");
+    return Mapping(queue_.get(), buffer.get(), static_cast<uint8_t*>(data));
+}
+
+IOOpenCL::Mapping::Mapping(Mapping&& other) noexcept
+    : queue_(other.queue_), buffer_(other.buffer_), data_(std::exchange(other.data_, nullptr))
+{
+}
+
+IOOpenCL::Mapping::~Mapping()
+{
+    // The in-order queue runs the unmap before any command enqueued after it; nothing to
+    // report from a destructor, and a failed unmap leaves only the mapping behind.
+    if (data_)
+        clEnqueueUnmapMemObject(queue_, buffer_, data_, 0, nullptr, nullptr);
 }
 
 } // namespace utils

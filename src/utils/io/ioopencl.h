@@ -3,6 +3,7 @@
 #include <CL/cl.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <type_traits>
@@ -68,6 +69,27 @@ public:
     void readBuffer(const Buffer& buffer, void* destination, size_t length);
     // Copies `length` bytes from `source` to the start of `buffer`, waiting for them.
     void writeBuffer(const Buffer& buffer, const void* source, size_t length);
+
+    // The first `length` bytes of a buffer mapped for the host to write, their old content
+    // discarded; unmapped (handed back to the device, ahead of any later command) when the
+    // handle goes. With CL_MEM_ALLOC_HOST_PTR on a device sharing the host's memory, writing
+    // through it costs no further copy.
+    class Mapping {
+    public:
+        Mapping(Mapping&& other) noexcept;
+        Mapping& operator=(Mapping&&) = delete;
+        ~Mapping();
+        uint8_t* data() const { return data_; }
+
+    private:
+        friend class IOOpenCL;
+        Mapping(cl_command_queue queue, cl_mem buffer, uint8_t* data)
+            : queue_(queue), buffer_(buffer), data_(data) {}
+        cl_command_queue queue_;
+        cl_mem buffer_;
+        uint8_t* data_;
+    };
+    Mapping mapForWriting(const Buffer& buffer, size_t length);
 
 private:
     // Throws UtilsRuntimeError with unavailableReason() when there is no device.
