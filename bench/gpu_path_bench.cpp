@@ -1,8 +1,8 @@
 // The GPU path per frame on whatever OpenCL device is installed: both kernels of
 // etc/opencl/image_processing.cl over the full 2472x2064 GREY frame and over a 640x480 region,
 // through the capture's accelerated processing (crop, normalisation, buffers, kernel, read back,
-// framing) and, as the reference, a bare OpenCL host loop doing the same buffer work (input
-// written into a buffer made once, kernel, blocking read).
+// framing) and, as the reference, a bare OpenCL host loop doing the same buffer work (the same
+// prepared input written into a buffer made once, kernel, blocking read).
 //
 //   gpu_path_bench [--kernel-file=PATH] [benchmark flags]
 //
@@ -110,7 +110,12 @@ void BM_BareOpenCL(benchmark::State& state, const char* kernelName, Region regio
     const int32_t width = region.x1 - region.x0;
     const int32_t height = region.y1 - region.y0;
     const size_t size = size_t(width) * height;
-    std::vector<uint8_t> input(size, 0x40), output(size);
+    // The kernel's input as the capture's path hands it over (the region cut out and
+    // stretched), so that both loops give the kernel the same work.
+    std::vector<uint8_t> input(size), output(size);
+    const std::vector<uint8_t> frame = sensorFrame();
+    k52app::AcceleratedProcessing::cropAndNormalise(frame.data(), frameStride,
+                                                    {width, height, region.x0, region.y0}, input.data());
     cl_mem inputBuffer = clCreateBuffer(context, CL_MEM_READ_ONLY, size, nullptr, &status);
     cl_mem out = clCreateBuffer(context, CL_MEM_WRITE_ONLY, size, nullptr, &status);
     const size_t global[2] = {size_t(width), size_t(height)};
