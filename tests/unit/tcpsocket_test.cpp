@@ -5,14 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <chrono>
-#include <cstdlib>
 #include <functional>
 #include <numeric>
 #include <optional>
@@ -101,27 +94,6 @@ TEST(TCPSocket, ServesACommandAndAnswersWithEveryByteWithinBoundedWaits)
     EXPECT_EQ(socket.client(), -1);
 }
 
-TEST(TCPSocket, SendingToAVanishedClientThrowsInsteadOfKillingTheProcess)
-{
-    TCPSocket socket = listeningOnLoopback();
-    int fd = -1;
-    {
-        Connection client("127.0.0.1", socket.localPort());
-        fd = withinAttempts([&] { return socket.acceptConnection(); });
-        linger abort{1, 0}; // a zero linger resets the connection, as a crashed client does
-        ::setsockopt(client.descriptor(), SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
-    }
-    std::this_thread::sleep_for(20ms);
-    std::vector<char> frame(1 << 20, 'x');
-    EXPECT_THAT(
-        [&] {
-            for (int attempt = 0; attempt < 10; ++attempt)
-                socket.send(frame.data(), frame.size());
-        },
-        testing::ThrowsMessage<utils::IOError>(testing::HasSubstr("127.0.0.1")));
-    EXPECT_TRUE(socket.isClosed(fd)) << "the serving loop must see the client gone";
-}
-
 TEST(TCPSocket, MisuseAndSetupFailuresNameTheProblem)
 {
     TCPSocket busy = listeningOnLoopback();
@@ -136,40 +108,6 @@ TEST(TCPSocket, MisuseAndSetupFailuresNameTheProblem)
     };
     for (const auto& [call, text] : cases)
         EXPECT_THAT(call, testing::ThrowsMessage<utils::UtilsError>(testing::HasSubstr(text)));
-}
-
-// The daemon's own end-to-end suite serves activated sockets; here a forked child (so that this
-// process's descriptors and environment stay untouched) checks that a second owner of one name
-// has its own descriptor.
-TEST(TCPSocket, EachOwnerOfAnActivatedSocketHasItsOwnDescriptor)
-{
-    const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-    socklen_t length = sizeof address;
-    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), length), 0);
-    ASSERT_EQ(::listen(listener, 2), 0);
-    ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
-    const uint16_t port = ntohs(address.sin_port);
-    const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        // An exception ends the child with an abort, which the parent reports as a failure.
-        ::dup2(listener, 3);
-        ::setenv("LISTEN_PID", std::to_string(::getpid()).c_str(), 1);
-        ::setenv("LISTEN_FDS", "1", 1);
-        ::setenv("LISTEN_FDNAMES", "stream", 1);
-        TCPSocket activated("stream");
-        { TCPSocket again("stream"); }
-        Connection client("127.0.0.1", port);
-        send(client, "hello");
-        const int fd = withinAttempts([&] { return activated.acceptConnection(); });
-        const bool served = withinAttempts([&] { return activated.receive(fd); }) == "hello";
-        ::_exit(activated.localPort() == port && served ? 0 : 1);
-    }
-    ::close(listener);
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the child was not served";
 }
 
 } // namespace
