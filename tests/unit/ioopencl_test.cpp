@@ -29,14 +29,10 @@ TEST(IOOpenCL, KernelLoadingFailuresExplainThemselvesAndKeepTheLoadedKernel)
     for (const auto& [file, kernel, text] : cases)
         EXPECT_THAT([&] { opencl.loadKernel(file, kernel); },
                     testing::ThrowsMessage<utils::UtilsError>(testing::HasSubstr(text)));
-    EXPECT_THROW(opencl.executeKernel(), utils::UtilsRuntimeError) << "nothing was loaded";
 
     opencl.loadKernel(good, "sobelFilter");
     EXPECT_THROW(opencl.loadKernel(broken, "f"), utils::UtilsRuntimeError);
     EXPECT_NO_THROW(opencl.setKernelArgument(2, int32_t(1))) << "the kernel loaded before stays";
-    EXPECT_THROW(opencl.setKernelArgument(7, int32_t(1)), utils::UtilsRuntimeError);
-    EXPECT_THROW(opencl.setGlobalRange({}), utils::UtilsRuntimeError);
-    EXPECT_THROW(opencl.setGlobalRange({4, 0}), utils::UtilsRuntimeError);
 }
 
 // The ICD loader finds no platform when its vendor directory is empty: the object must still
