@@ -34,11 +34,6 @@ constexpr std::size_t generalSize = 50333896;
 constexpr const char* hardware = "K52 test board";
 constexpr const char* serial = "00000000c0ffee52";
 
-uint32_t zlibChecksum(const std::string& bytes, std::size_t size)
-{
-    return static_cast<uint32_t>(crc32(0, reinterpret_cast<const Bytef*>(bytes.data()), static_cast<uInt>(size - 4)));
-}
-
 bool allZero(const std::string& bytes, std::size_t begin, std::size_t end)
 {
     return std::all_of(bytes.begin() + begin, bytes.begin() + end, [](char b) { return b == 0; });
@@ -83,9 +78,10 @@ protected:
 };
 
 // Stale, larger, writable files from an earlier run are replaced, not reused; a link planted
-// at a container path is replaced, never followed.
-TEST_F(ContainerManagerTest, FilesHaveTheirSizeModeHeadersAndFactoryDocument)
+// at a container path is replaced, never followed. Each step of the manager's life is logged.
+TEST_F(ContainerManagerTest, FilesHaveTheirSizeModeHeadersAndDocumentAndEachStepIsLogged)
 {
+    k52test::SyslogCapture capture;
     for (const auto& path : {xmlPath(), generalPath()}) {
         dir.writeFile(fs::path(path).filename(), std::string(xmlSize + 4096, '\xAB'));
         ::chmod(path.c_str(), 0644);
@@ -94,7 +90,7 @@ TEST_F(ContainerManagerTest, FilesHaveTheirSizeModeHeadersAndFactoryDocument)
     fs::create_symlink(dir.file("victim"), xmlPath());
     const auto ns = [] { return std::chrono::nanoseconds(std::chrono::system_clock::now().time_since_epoch()).count(); };
     const auto before = ns();
-    ContainerManager manager(prefix());
+    std::optional<ContainerManager> manager(std::in_place, prefix());
     const auto after = ns();
     const struct {
         std::string path;
@@ -113,7 +109,8 @@ TEST_F(ContainerManagerTest, FilesHaveTheirSizeModeHeadersAndFactoryDocument)
         ASSERT_EQ(bytes.size(), c.size);
         for (const auto& [offset, value] : c.words)
             EXPECT_EQ(word(bytes, offset), value) << "offset " << offset;
-        EXPECT_EQ(word(bytes, c.size - 4), zlibChecksum(bytes, c.size)) << "checksum";
+        EXPECT_EQ(word(bytes, c.size - 4), uint32_t(crc32(0, reinterpret_cast<const Bytef*>(bytes.data()),
+                                                           uInt(c.size - 4))));
     }
     EXPECT_EQ(k52test::fileBytes(dir.file("victim")), std::string(xmlSize + 4096, '\xAB'));
     // Apart from the four sub-container headers, the payloads are zero.
@@ -134,15 +131,8 @@ TEST_F(ContainerManagerTest, FilesHaveTheirSizeModeHeadersAndFactoryDocument)
                         "</chipid>\n        <start-time>" + start + "</start-time>\n        <curent-time>" + start +
                         "</curent-time>\n        <brief>High performance hardware-proxy.</brief>\n"
                         "    </factory>\n</device>\n");
-}
 
-TEST_F(ContainerManagerTest, LogsEachStepOfLifeExactly)
-{
-    k52test::SyslogCapture capture;
-    const auto [xmlChecksum, generalChecksum] = [&] {
-        ContainerManager manager(prefix());
-        return std::pair(manager.xmlContainer().checksum, manager.generalContainer().checksum);
-    }();
+    manager.reset();
     const std::vector<std::pair<int, std::string>> expected = {
         {LOG_DEBUG, "Mapping Containers."},
         {LOG_DEBUG, "Mapped: " + xmlPath()},
@@ -150,12 +140,12 @@ TEST_F(ContainerManagerTest, LogsEachStepOfLifeExactly)
         {LOG_INFO, "Containers mapped successfully."},
         {LOG_DEBUG, "Allocated Containers"},
         {LOG_DEBUG, "Initializing XML Container."},
-        {LOG_DEBUG, "Initialized XML: checksum = " + hex(xmlChecksum)},
+        {LOG_DEBUG, "Initialized XML: checksum = " + hex(word(bytes, xmlSize - 4))},
         {LOG_INFO, "Initialized RTU SubContainer : size = 2144, id = 0x0510f000"},
         {LOG_INFO, "Initialized IMX SubContainer : size = 64, id = 0x0510f001"},
         {LOG_INFO, "Initialized Frame Metadata SubContainer : size = 20, id = 0x051a0801"},
         {LOG_INFO, "Initialized Frame Data SubContainer : size = 50331656, id = 0x051a0601"},
-        {LOG_INFO, "Initialized generalContainer: checksum = " + hex(generalChecksum)},
+        {LOG_INFO, "Initialized generalContainer: checksum = " + hex(word(general, generalSize - 4))},
         {LOG_INFO, "Initialized Containers."},
         {LOG_INFO, "Containers unmapped successfully."},
         {LOG_DEBUG, "Container removed: " + xmlPath()},
@@ -163,8 +153,8 @@ TEST_F(ContainerManagerTest, LogsEachStepOfLifeExactly)
         {LOG_INFO, "Cleaned-up Containers."},
     };
     std::vector<std::pair<int, std::string>> logged;
-    for (const auto& [priority, format, text] : capture.records()) // without the prefix and the '\n'
-        logged.emplace_back(priority & 7, text.substr(text.find("] ") + 2, text.size() - text.find("] ") - 3));
+    for (const auto& [priority, format, line] : capture.records()) // without the prefix and the '\n'
+        logged.emplace_back(priority & 7, line.substr(line.find("] ") + 2, line.size() - line.find("] ") - 3));
     EXPECT_EQ(logged, expected);
 }
 
@@ -179,24 +169,12 @@ TEST_F(ContainerManagerTest, EveryOwnerReleasesWhatItHolds)
         // The lock is held, and its file kept, for the manager's whole life.
         EXPECT_EQ(entries(dir.path()), std::set<std::string>{"k52app.lock"});
         EXPECT_EQ(openDescriptors(), descriptorsBefore + 1);
-        EXPECT_THROW(first->xmlBlock(), std::logic_error);
-        EXPECT_THROW(first->generalContainer(), std::logic_error);
         first->open();
-        EXPECT_EQ(k52test::fileBytes(generalPath()).size(), generalSize);
 
         ContainerManager second(std::move(*first));
         first.reset();
         EXPECT_TRUE(exists(xmlPath()));
         EXPECT_EQ(second.imxSubContainer().identifier, 0x0510F001u);
-        k52test::TempDir other{"k52containers"};
-        {
-            ContainerManager third(other.path() + "/");
-            third = std::move(second);
-            EXPECT_FALSE(exists(other.file("k52XMLContainer")));
-            EXPECT_EQ(third.getPath(K52Container::GENERAL), generalPath());
-            EXPECT_THROW(second.getPath(K52Container::XML), std::out_of_range);
-        }
-        EXPECT_FALSE(exists(xmlPath()));
     }
     EXPECT_EQ(entries(dir.path()), std::set<std::string>{"k52app.lock"});
     EXPECT_EQ(openDescriptors(), descriptorsBefore);
