@@ -8,7 +8,6 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -25,20 +24,10 @@ using Clock = std::chrono::steady_clock;
 
 bool acceptsConnections(uint16_t port)
 {
-    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const utils::FileDescriptor fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0),
+                                   utils::FileDescriptor::Closer::system);
     sockaddr_in address{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
-    bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-    ::close(fd);
-    return ok;
-}
-
-int decode(int status)
-{
-    if (WIFEXITED(status))
-        return WEXITSTATUS(status);
-    if (WIFSIGNALED(status))
-        return 128 + WTERMSIG(status);
-    return -1;
+    return ::connect(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
 }
 
 EmulatedConfig::Overrides withoutPorts(EmulatedConfig::Overrides overrides)
@@ -89,14 +78,14 @@ DaemonProcess::DaemonProcess(SocketActivation, const EmulatedConfig::Overrides& 
 
 void DaemonProcess::start(const std::vector<std::string>& launcher)
 {
-    sink_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sink_.reset(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::strncpy(address.sun_path, socketPath_.c_str(), sizeof address.sun_path - 1);
-    if (sink_ < 0 || ::bind(sink_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
+    if (!sink_ || ::bind(sink_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
         throw std::runtime_error("cannot bind the syslog sink " + socketPath_);
     int size = 4 << 20;
-    ::setsockopt(sink_, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
+    ::setsockopt(sink_.get(), SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
     std::vector<std::string> arguments = launcher, emulator = testLauncher();
     arguments.insert(arguments.end(), emulator.begin(), emulator.end());
     arguments.insert(arguments.end(), {K52APP_BINARY, "-c", config_.path()});
@@ -141,8 +130,7 @@ void DaemonProcess::release()
     }
     if (collector_.joinable())
         collector_.join();
-    if (sink_ >= 0)
-        ::close(std::exchange(sink_, -1));
+    sink_.reset();
 }
 
 bool DaemonProcess::running()
@@ -151,7 +139,8 @@ bool DaemonProcess::running()
         return false;
     int status;
     if (::waitpid(pid_, &status, WNOHANG) == pid_) {
-        status_ = decode(status);
+        // Without WUNTRACED, waitpid reports only an exit or a killing signal.
+        status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
         return false;
     }
     return true;
@@ -184,10 +173,10 @@ void DaemonProcess::collect()
             if (!collecting_)
                 return;
         }
-        pollfd p{sink_, POLLIN, 0};
+        pollfd p{sink_.get(), POLLIN, 0};
         if (::poll(&p, 1, 50) <= 0)
             continue;
-        ssize_t n = ::recv(sink_, buffer, sizeof buffer, 0);
+        ssize_t n = ::recv(sink_.get(), buffer, sizeof buffer, 0);
         if (n <= 0)
             continue;
         std::string datagram(buffer, static_cast<size_t>(n));

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "support/emulatedconfig.h"
+#include "utils/platform/filedescriptor.h"
 
 #include <sys/types.h>
 
@@ -65,7 +66,7 @@ private:
     uint16_t controlPort_ = 0;
     uint16_t streamPort_ = 0;
     std::string socketPath_;
-    int sink_ = -1;
+    utils::FileDescriptor sink_{-1, utils::FileDescriptor::Closer::system};
     pid_t pid_ = -1;
     int status_ = -1;
     std::thread collector_;

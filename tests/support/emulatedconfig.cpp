@@ -1,8 +1,8 @@
 #include "support/emulatedconfig.h"
+#include "utils/platform/filedescriptor.h"
 
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
@@ -13,16 +13,12 @@ namespace k52test {
 
 uint16_t freePort()
 {
-    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    const utils::FileDescriptor fd(::socket(AF_INET, SOCK_STREAM, 0), utils::FileDescriptor::Closer::system);
     sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
     socklen_t size = sizeof address;
-    if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
-        if (fd >= 0)
-            ::close(fd);
+    if (!fd || ::bind(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        ::getsockname(fd.get(), reinterpret_cast<sockaddr*>(&address), &size) != 0)
         throw std::runtime_error("no free port");
-    }
-    ::close(fd);
     return ntohs(address.sin_port);
 }
 
@@ -43,10 +39,9 @@ bool onRealKernel()
 {
     static const bool realKernel = [] {
         std::ifstream base(baseConfigPath());
-        for (std::string line; std::getline(base, line);) {
+        for (std::string line; std::getline(base, line);)
             if (line.rfind("platform=", 0) == 0)
                 return line == "platform=linux";
-        }
         return false;
     }();
     return realKernel;

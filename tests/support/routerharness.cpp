@@ -35,12 +35,10 @@ k52app::RouteReply RouterHarness::run(const std::string& command)
 void expectExchanges(RouterHarness& h, const std::vector<Exchange>& exchanges)
 {
     for (const auto& e : exchanges) {
-        SCOPED_TRACE(e.command);
         auto [status, message] = h.run(e.command);
-        EXPECT_EQ(status, e.status);
-        if (e.message) {
-            EXPECT_EQ(message, e.message);
-        }
+        EXPECT_EQ(status, e.status) << e.command;
+        if (e.message)
+            EXPECT_EQ(message, e.message) << e.command;
     }
 }
 

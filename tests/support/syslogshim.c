@@ -40,15 +40,6 @@ static void forward(int priority, const char* format, va_list args)
     sendto(sink, record, length, 0, (struct sockaddr*)&address, sizeof address);
 }
 
-void openlog(const char* ident, int option, int facility)
-{
-    (void)ident;
-    (void)option;
-    (void)facility;
-}
-
-void closelog(void) {}
-
 void vsyslog(int priority, const char* format, va_list args) { forward(priority, format, args); }
 
 void syslog(int priority, const char* format, ...)
