@@ -22,8 +22,6 @@ namespace {
 
 using k52test::expectExchanges;
 
-using testing::HasSubstr;
-using testing::StartsWith;
 using utils::IOAutoFocus;
 using utils::IOIllumination;
 using namespace utils::platform;
@@ -98,7 +96,7 @@ TEST(IlluminationAndAutoFocusRoutes, DeviceErrorsAppendIOExceptionToTheStartingW
             ++routes;
             auto [status, message] = h.run(name + " 0");
             EXPECT_EQ(status, name == "SetAFPosition" ? "ErrorIOException" : "OKIOException") << name;
-            EXPECT_THAT(message, testing::AllOf(StartsWith(name + ": "), HasSubstr(path)));
+            EXPECT_THAT(message, testing::AllOf(testing::StartsWith(name + ": "), testing::HasSubstr(path)));
         }
         EXPECT_EQ(routes, count);
     }
@@ -125,7 +123,7 @@ protected:
 };
 
 // The routes' tests pin ranges and read-back; here the register each setting lands in.
-TEST_F(ModuleTest, SettingsLandInTheirRegisters)
+TEST_F(ModuleTest, SettingsLandInTheirRegistersAndTheSweepRunsInTheBackground)
 {
     struct Case { std::function<void()> set; const char* path; uint32_t address, value; };
     const Case cases[] = {
@@ -144,10 +142,6 @@ TEST_F(ModuleTest, SettingsLandInTheirRegisters)
         c.set();
         EXPECT_EQ(rawRegister(c.path, c.address), c.value) << c.path << " " << c.address;
     }
-}
-
-TEST_F(ModuleTest, AutoFocusSweepRunsInTheBackground)
-{
     autofocus_.sweepFrequency();
     EXPECT_EQ(rawRegister(autofocusPath, 0x04) & 0x1, 0x1u) << "busy while sweeping";
     autofocus_.setPosition(100); // waits for the sweep to finish first

@@ -25,7 +25,6 @@ namespace {
 
 using k52test::expectExchanges;
 using k52test::throwsWith;
-using testing::HasSubstr;
 using utils::IOToF;
 using namespace utils::platform;
 using namespace utils::platform::emulated;
@@ -41,12 +40,13 @@ TEST(ToFRoutes, RepliesAndStateAcrossSettingsTakingNoGroupLock)
         held.emplace_back(h.resources->getMutex(static_cast<k52app::K52ResourceGroups>(group)));
     // The matrix is one line: each distance right-aligned in four columns and a tab, every row
     // closed by "\t.:.\t", the whole closed by "\t\t".
-    for (const auto& [resolution, side] : {std::pair{"ToFSetResolution 1", 8}, std::pair{"ToFSetResolution 0", 4}}) {
+    for (const auto& [resolution, side] : {std::pair{"ToFSetResolution 1", 8}, {"ToFSetResolution 0", 4}}) {
         ASSERT_EQ(h.run(resolution).first, "OK") << resolution;
         auto [status, matrix] = h.run("ToFGetDistanceMatrix");
+        const std::string n = std::to_string(side);
         const std::string field = "(?: {3}[0-9]| {2}[0-9]{2}| [0-9]{3}|[0-9]{4})\\t";
-        const std::string row = "(?:" + field + "){" + std::to_string(side) + "}\\t\\.:\\.\\t";
-        EXPECT_TRUE(std::regex_match(matrix, std::regex("(?:" + row + "){" + std::to_string(side) + "}\\t\\t")))
+        const std::string row = "(?:" + field + "){" + n + "}\\t\\.:\\.\\t";
+        EXPECT_TRUE(std::regex_match(matrix, std::regex("(?:" + row + "){" + n + "}\\t\\t")))
             << resolution << ": " << status << " '" << matrix << "'";
     }
     const char* asleep = "ToF '/dev/k52tof' is asleep: set the power mode to WAKEUP.";
@@ -120,7 +120,7 @@ TEST(ToFRoutes, DeviceErrorsAndADeadSensor)
         const auto it = unaffected.find(name);
         EXPECT_EQ(status, it == unaffected.end() ? "Error" : "OK") << name;
         if (it == unaffected.end())
-            EXPECT_THAT(message, HasSubstr(tofPath)) << name;
+            EXPECT_THAT(message, testing::HasSubstr(tofPath)) << name;
         else
             EXPECT_EQ(message, it->second);
     }
@@ -217,7 +217,7 @@ TEST_F(ToFTest, CalibrationAppliesTheFactoryOffsetsOnlyUnderTheirZlibCompatibleC
     EXPECT_EQ(rawRead(0x200, 128), offsets);
 }
 
-TEST_F(ToFTest, ShotsRangeOnlyWhileAsked)
+TEST_F(ToFTest, ShotsRangeOnlyWhileAskedAndTimeOutCleanly)
 {
     tof_.set_frequency(60);
     tof_.shot();
@@ -233,6 +233,9 @@ TEST_F(ToFTest, ShotsRangeOnlyWhileAsked)
     // A shot that never completes times out and stops ranging.
     board_->faults().inject(tofPath, Fault::timeout);
     EXPECT_THROW(tof_.shot(), utils::IOError);
+    IOToF booting(tofPath); // a fault while the sensor boots leaves it dead
+    EXPECT_THAT([&] { booting.init_tof_sensor(); }, throwsWith<utils::IOError>("Timed out"));
+    EXPECT_THROW(booting.throwIfDead(), utils::UtilsRuntimeError);
     board_->faults().clear(tofPath);
     EXPECT_EQ(status(0x2), 0u);
     // Concurrent shots are serialised by the driver.
@@ -245,15 +248,6 @@ TEST_F(ToFTest, ShotsRangeOnlyWhileAsked)
     std::thread other(worker);
     worker();
     other.join();
-}
-
-// An open failure is the routes' test's; this one happens while the sensor boots.
-TEST_F(ToFTest, AFaultAtStartLeavesTheSensorDead)
-{
-    board_->faults().inject(tofPath, Fault::timeout);
-    IOToF tof(tofPath);
-    EXPECT_THAT([&] { tof.init_tof_sensor(); }, throwsWith<utils::IOError>("Timed out"));
-    EXPECT_THROW(tof.throwIfDead(), utils::UtilsRuntimeError);
 }
 
 } // namespace
