@@ -37,8 +37,9 @@ void expectExchanges(RouterHarness& h, const std::vector<Exchange>& exchanges)
     for (const auto& e : exchanges) {
         auto [status, message] = h.run(e.command);
         EXPECT_EQ(status, e.status) << e.command;
-        if (e.message)
+        if (e.message) {
             EXPECT_EQ(message, e.message) << e.command;
+        }
     }
 }
 
