@@ -53,6 +53,18 @@ protected:
     k52test::RouterHarness h;
 };
 
+// A stream on its own thread, stopped and joined however the test ends.
+struct StreamThread {
+    k52app::Capture& capture;
+    std::thread thread;
+    ~StreamThread()
+    {
+        capture.streamStop();
+        if (thread.joinable())
+            thread.join();
+    }
+};
+
 TEST_F(CaptureTest, PaddingModeDecidesWhatOfEachRowIsStored)
 {
     const struct { uint32_t fourcc, width, height, stride, channels, pixelFormat; } cases[] = {
@@ -113,17 +125,8 @@ TEST_F(CaptureTest, StreamSendsEveryFrameUntilStoppedAndOffTheWireOnlyCounts)
     };
     capture().setBenchmarkPeriod(100);
     std::atomic<int> reports{0};
-    // Stopped and joined however the test ends; an error of the stream becomes a failure.
-    struct StreamThread {
-        k52app::Capture& capture;
-        std::thread thread;
-        ~StreamThread()
-        {
-            capture.streamStop();
-            if (thread.joinable())
-                thread.join();
-        }
-    } stream{capture(), std::thread([&] {
+    // An error of the stream becomes a failure.
+    StreamThread stream{capture(), std::thread([&] {
                  try {
                      capture().streamStart(grey, 0, [&](float rate) { reports += rate > 0; });
                  } catch (const std::exception& e) {
@@ -148,6 +151,27 @@ TEST_F(CaptureTest, StreamSendsEveryFrameUntilStoppedAndOffTheWireOnlyCounts)
     stream.thread.join();
     EXPECT_FALSE(capture().isStreaming());
     EXPECT_FALSE(h.resources->v4l2().isStreaming()) << "the stream leaves the device stopped";
+}
+
+// A full frame leaves in parts while it is copied; a client that goes mid-stream ends the stream
+// with the send's error, and the frame being stored is still completed in the container.
+TEST_F(CaptureTest, AFailedSendEndsTheStreamAndLeavesTheFrameWhole)
+{
+    auto client = std::make_unique<k52client::FrameStream>("127.0.0.1", h.config.streamPort());
+    h.resources->streamSocket().acceptConnection();
+    std::string failure;
+    StreamThread stream{capture(), std::thread([&] {
+                            try {
+                                capture().streamStart(grey, 2, [](float) {});
+                            } catch (const utils::IOError& e) {
+                                failure = e.what();
+                            }
+                        })};
+    EXPECT_EQ(client->next(std::chrono::seconds(5)).size, 2472u * 2064u);
+    client.reset();
+    stream.thread.join();
+    EXPECT_THAT(failure, testing::HasSubstr("Unable to send"));
+    expectFramed(2472u * 2064u);
 }
 
 TEST_F(CaptureTest, ShortFrameEndsTheStreamAndFailedStartsAreLogged)
@@ -189,9 +213,11 @@ TEST_F(CaptureTest, RouteRepliesAndArgumentsTheHandlersDoNotConvert)
         {"GetCaptureStreamOverWire", "OK", "GetCapturePaddingMode: disable"},
         {"SetCaptureStreamOverWire -3", "OK", "SetCaptureStreamOverWire: enable"},
         {"SetCaptureBenchmarkPeriod", "OK", "SetCaptureBenchmarkPeriod: 1000 msec"},
+        {"SetCaptureBenchmarkPeriod 250", "OK", "SetCaptureBenchmarkPeriod: 250 msec"},
         {"CaptureAcceleratedProcessing 0", "OK", "CaptureEnableAcceleratedProcessing: Accelerator disabled."},
     });
     EXPECT_TRUE(capture().streamOverWire());
+    EXPECT_EQ(capture().benchmarkPeriod(), 250);
 
     // Refused by the fourcc or numeric validators before any handler runs (runtime error), left
     // missing for the handler's standard out-of-range error, or an impossible region.

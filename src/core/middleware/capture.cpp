@@ -6,6 +6,7 @@
 #include "utils/log/logrecord.h"
 #include "utils/base/crc.h"
 #include "utils/base/exceptions.h"
+#include "utils/net/tcpsocket.h"
 #include "utils/wire/framemessage.h"
 
 #include <algorithm>
@@ -13,6 +14,7 @@
 #include <cstring>
 #include <mutex>
 #include <optional>
+#include <utility>
 
 namespace k52app {
 
@@ -48,6 +50,8 @@ void FrameArea::begin(uint32_t width, uint32_t height, uint32_t pixelFormat, uin
     written_ = 0;
     utils::wire::encodeFrameHeader(container_, width, height, pixelFormat, length_);
     crc_ = utils::CRCSum32(container_, dataOffset, utils::GeneralContainer::seed);
+    sendFailure_ = nullptr;
+    forward(usedPart(), dataOffset, false);
 }
 
 uint8_t* FrameArea::data()
@@ -79,6 +83,7 @@ void FrameArea::appendInPlace(size_t length)
                                        " bytes.");
     // Continuing a CRC: the register starts from the previous result, inverted back.
     crc_ = utils::CRCSum32(data() + written_, length, ~crc_);
+    forward(data() + written_, length, false);
     written_ += static_cast<uint32_t>(length);
 }
 
@@ -90,6 +95,29 @@ void FrameArea::finish()
     // Readers of the wire find it right after the data; readers of the file also at its end.
     std::memcpy(data() + length_, &crc_, sizeof crc_);
     container_->checksum = crc_;
+    forward(data() + length_, sizeof crc_, true);
+    if (sendFailure_)
+        std::rethrow_exception(std::exchange(sendFailure_, nullptr));
+}
+
+void FrameArea::sendTo(utils::TCPSocket* socket) { socket_ = socket; }
+
+void FrameArea::forward(const uint8_t* bytes, size_t length, bool last)
+{
+    if (!socket_ || sendFailure_)
+        return;
+    const uint8_t* start = usedPart();
+    if (bytes == start)
+        unsent_ = 0;
+    const size_t end = size_t(bytes - start) + length;
+    if (!last && end - unsent_ < sendRun)
+        return;
+    try {
+        socket_->send(start + unsent_, end - unsent_, !last);
+    } catch (...) {
+        sendFailure_ = std::current_exception();
+    }
+    unsent_ = end;
 }
 
 const uint8_t* FrameArea::usedPart() const { return reinterpret_cast<const uint8_t*>(container_); }
@@ -262,13 +290,17 @@ void Capture::streamFrames(const Progress& progress)
             // Held from the frame's checksum through its send; released before the rate
             // notice, which waits for the control socket that the descriptor route holds.
             std::unique_lock recordsLock(recordsMutex, std::defer_lock);
+            // The frame goes out part by part while it is stored (FrameArea::sendTo).
+            struct Sending {
+                FrameArea& area;
+                ~Sending() { area.sendTo(nullptr); }
+            } sending{frameArea_};
+            frameArea_.sendTo(overWire ? &socket : nullptr);
             try {
                 awaitFrame(streamFrameWaitMs, overWire, recordsLock, format);
             } catch (const utils::UtilsTimeoutException&) {
                 continue; // no frame yet: look at the flag again
             }
-            if (overWire)
-                socket.send(frameArea_.usedPart(), frameArea_.usedLength());
         }
         ++frames;
         if (Clock::now() - periodStart > std::chrono::milliseconds(benchmarkPeriod())) {

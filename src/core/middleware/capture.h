@@ -9,11 +9,16 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+
+namespace utils {
+class TCPSocket;
+}
 
 namespace k52app {
 
@@ -30,6 +35,7 @@ public:
     static constexpr size_t overhead = utils::wire::frameOverhead;
     // Data is checksummed in runs of this size, small enough to stay in cache after the copy.
     static constexpr size_t chunk = 64 * 1024;
+    static constexpr size_t sendRun = 4 * 1024 * 1024;
 
     explicit FrameArea(utils::GeneralContainer& container);
 
@@ -51,8 +57,20 @@ public:
     const uint8_t* usedPart() const;
     uint32_t usedLength() const;
 
+    // While set, the frame message goes to `socket` in parts of at least sendRun bytes as soon
+    // as they are final (header and checksummed data; the rest and the checksum at finish()), so
+    // that the reader takes the first part while the next is copied. Smaller parts cost more in
+    // wake-ups than the overlap gains. A failed send stops the sending, not the frame: finish()
+    // completes the frame area and then throws the send's error.
+    void sendTo(utils::TCPSocket* socket);
+
 private:
+    void forward(const uint8_t* bytes, size_t length, bool last);
+
     utils::GeneralContainer* container_;
+    utils::TCPSocket* socket_ = nullptr;
+    size_t unsent_ = 0; // where the part not yet sent begins
+    std::exception_ptr sendFailure_;
     uint32_t length_ = 0;
     uint32_t written_ = 0;
     uint32_t crc_ = 0;

@@ -217,7 +217,7 @@ std::string TCPSocket::receive(int client)
     return data;
 }
 
-void TCPSocket::send(const void* data, std::size_t length)
+void TCPSocket::send(const void* data, std::size_t length, bool more)
 {
     int client = client_.load();
     if (client < 0)
@@ -226,7 +226,7 @@ void TCPSocket::send(const void* data, std::size_t length)
     const auto* bytes = static_cast<const char*>(data);
     std::size_t sent = 0;
     while (sent < length) {
-        ssize_t n = ::send(client, bytes + sent, length - sent, MSG_NOSIGNAL);
+        ssize_t n = ::send(client, bytes + sent, length - sent, MSG_NOSIGNAL | (more ? MSG_MORE : 0));
         if (n < 0 && errno == EINTR)
             continue;
         if (n < 0) {

@@ -68,8 +68,10 @@ public:
     std::string receive(int client);
 
     // Sends all `length` bytes to the current client, or throws IOError (no client, peer gone,
-    // client not reading for sendTimeout). A vanished peer never raises SIGPIPE.
-    void send(const void* data, std::size_t length);
+    // client not reading for sendTimeout). A vanished peer never raises SIGPIPE. `more` says
+    // that the rest of the message follows at once, so the kernel may hold a short tail back
+    // to fill a segment.
+    void send(const void* data, std::size_t length, bool more = false);
 
     // Closes `client` if it is the current client; the socket can then accept the next one.
     void close(int client);
