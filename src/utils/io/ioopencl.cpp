@@ -202,6 +202,12 @@ void IOOpenCL::setKernelArgument(cl_uint index, size_t size, const void* value)
 
 void IOOpenCL::executeKernel(const std::vector<size_t>& localRange)
 {
+    enqueueKernel(localRange);
+    check(clFinish(queue_.get()), "executing '" + kernelName_ + "'");
+}
+
+void IOOpenCL::enqueueKernel(const std::vector<size_t>& localRange)
+{
     requireKernel("execute a kernel");
     if (globalRange_.empty())
         throw UtilsRuntimeError("IOOpenCL: cannot execute '" + kernelName_ +
@@ -210,12 +216,10 @@ void IOOpenCL::executeKernel(const std::vector<size_t>& localRange)
         throw UtilsRuntimeError("IOOpenCL: the local range has " +
                                 std::to_string(localRange.size()) + " dimensions, the global " +
                                 std::to_string(globalRange_.size()) + ".");
-    const std::string what = "executing '" + kernelName_ + "'";
     check(clEnqueueNDRangeKernel(queue_.get(), kernel_.get(), cl_uint(globalRange_.size()), nullptr,
                                  globalRange_.data(), localRange.empty() ? nullptr : localRange.data(),
                                  0, nullptr, nullptr),
-          what);
-    check(clFinish(queue_.get()), what);
+          "executing '" + kernelName_ + "'");
 }
 
 void IOOpenCL::readBuffer(const Buffer& buffer, void* destination, size_t length)

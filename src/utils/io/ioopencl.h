@@ -64,6 +64,9 @@ public:
     // Runs the loaded kernel over the global range and waits for it. An empty `localRange`
     // lets the implementation choose the work-group size.
     void executeKernel(const std::vector<size_t>& localRange = {});
+    // Queues the same run without waiting: a later blocking read waits for it (the queue runs
+    // in order) and reports its failure. Spares one hand-over to the device's threads.
+    void enqueueKernel(const std::vector<size_t>& localRange = {});
 
     // Copies `length` bytes from the start of `buffer` into `destination`, waiting for them.
     void readBuffer(const Buffer& buffer, void* destination, size_t length);
