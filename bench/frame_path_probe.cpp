@@ -11,7 +11,14 @@
 //   frame_path_probe send PORT BYTES
 //       listens on 127.0.0.1:PORT, accepts one reader and sends the same BYTES-long message
 //       from memory as fast as the socket takes it, until the reader goes.
+//   frame_path_probe store PORT BYTES
+//       the same, but each message is first stored as the daemon stores a frame: copied from
+//       one of six source buffers in turn (the sensor's queue) into another in 64 KiB runs,
+//       each checksummed, and sent in parts of 4 MiB as they are ready, the checksum last.
+//       The limit of that order of work.
 #include "client/framestream.h"
+#include "core/middleware/capture.h"
+#include "utils/base/crc.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -29,10 +36,12 @@
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
+constexpr size_t sensorBuffers = 6;
 constexpr auto warmUp = std::chrono::milliseconds(500);
 
 [[noreturn]] void fail(const std::string& what)
@@ -161,7 +170,19 @@ int readMode(uint16_t port, double seconds, bool verify, int drainIdleMs)
     return 0;
 }
 
-int sendMode(uint16_t port, size_t bytes)
+void sendAll(int fd, const uint8_t* data, size_t length, int flags)
+{
+    for (size_t sent = 0; sent < length;) {
+        const ssize_t n = ::send(fd, data + sent, length - sent, MSG_NOSIGNAL | flags);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            throw std::runtime_error("reader gone");
+        sent += size_t(n);
+    }
+}
+
+Descriptor acceptOne(uint16_t port)
 {
     Descriptor listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const int on = 1;
@@ -176,16 +197,44 @@ int sendMode(uint16_t port, size_t bytes)
     Descriptor client(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
     if (client.get() < 0)
         fail("accept");
-    auto message = std::make_unique<uint8_t[]>(bytes); // zeroed: the pages exist before sending
-    for (;;) {
-        for (size_t sent = 0; sent < bytes;) {
-            const ssize_t n = ::send(client.get(), message.get() + sent, bytes - sent, MSG_NOSIGNAL);
-            if (n < 0 && errno == EINTR)
+    return client;
+}
+
+int sendMode(uint16_t port, size_t bytes, bool store)
+{
+    const Descriptor client = acceptOne(port);
+    // Zeroed: the pages exist before sending.
+    auto message = std::make_unique<uint8_t[]>(bytes);
+    // As many sources as the stream queues sensor buffers, taken in turn: a frame is not in
+    // the cache when its copy begins.
+    std::vector<std::unique_ptr<uint8_t[]>> sources;
+    for (size_t i = 0; store && i < sensorBuffers; ++i)
+        sources.push_back(std::make_unique<uint8_t[]>(bytes));
+    constexpr size_t run = k52app::FrameArea::chunk;
+    constexpr size_t part = k52app::FrameArea::sendRun;
+    try {
+        for (size_t index = 0;; ++index) {
+            if (!store) {
+                sendAll(client.get(), message.get(), bytes, 0);
                 continue;
-            if (n < 0)
-                return 0; // the reader went: the round is over
-            sent += size_t(n);
+            }
+            const size_t data = bytes - sizeof(uint32_t);
+            uint32_t crc = 0;
+            size_t unsent = 0;
+            for (size_t done = 0; done < data; done += run) {
+                const size_t length = std::min(run, data - done);
+                std::memcpy(message.get() + done, sources[index % sensorBuffers].get() + done, length);
+                crc = utils::CRCSum32(message.get() + done, length, ~crc);
+                if (done + length - unsent >= part) {
+                    sendAll(client.get(), message.get() + unsent, done + length - unsent, MSG_MORE);
+                    unsent = done + length;
+                }
+            }
+            std::memcpy(message.get() + data, &crc, sizeof crc);
+            sendAll(client.get(), message.get() + unsent, bytes - unsent, 0);
         }
+    } catch (const std::runtime_error&) {
+        return 0; // the reader went: the round is over
     }
 }
 
@@ -210,10 +259,11 @@ int main(int argc, char** argv)
             return readMode(static_cast<uint16_t>(std::stoul(argv[2])), std::stod(argv[3]), verify,
                             drainIdleMs);
         }
-        if (mode == "send" && argc == 4)
-            return sendMode(static_cast<uint16_t>(std::stoul(argv[2])), std::stoull(argv[3]));
+        if ((mode == "send" || mode == "store") && argc == 4)
+            return sendMode(static_cast<uint16_t>(std::stoul(argv[2])), std::stoull(argv[3]),
+                            mode == "store");
         std::fprintf(stderr, "usage: frame_path_probe read PORT SECONDS [--verify] [--drain-idle-ms MS]\n"
-                             "       frame_path_probe send PORT BYTES\n");
+                             "       frame_path_probe send|store PORT BYTES\n");
         return 2;
     } catch (const std::exception& e) {
         std::fprintf(stderr, "frame_path_probe: %s\n", e.what());

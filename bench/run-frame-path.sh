@@ -5,8 +5,10 @@
 #   gst       GStreamer's videotestsrc ! tcpserversink at the same size and format
 #   raw       a sender that sends the daemon's message size from memory as fast as the socket
 #             takes it: the loopback limit
+#   stored    the same sender, storing each message first as the daemon stores a frame (copy
+#             and checksum in 64 KiB runs, sent in 4 MiB parts): the limit of that work
 #   verified  the daemon again, read by the client library's verifying frame stream
-# Each round runs the four back to back, so a change of load hits all of them alike; the table
+# Each round runs the five back to back, so a change of load hits all of them alike; the table
 # gives the median and the spread (min-max) of the per-round ratios. Then the GPU path.
 #
 #   bench/run-frame-path.sh [--rounds N] [--seconds S] [--sizes LIST] [--k52app PATH] [--no-gpu] [build-dir]
@@ -201,13 +203,13 @@ def run_gstreamer(width, height, gst_format):
         server.terminate()
         finish(server)
 
-def run_raw(bytes_per_message):
+def run_sender(mode, bytes_per_message):
     port = free_port()
-    sender = subprocess.Popen([probe, "send", str(port), str(bytes_per_message)],
+    sender = subprocess.Popen([probe, mode, str(port), str(bytes_per_message)],
                               stderr=subprocess.PIPE, text=True)
     try:
         process = reader(port)
-        rate = result(process, "raw sender")
+        rate = result(process, mode + " sender")
         finish(process)
         return rate
     finally:
@@ -219,8 +221,9 @@ def spread(values):
     return "%5.2f (%4.2f-%4.2f)" % (statistics.median(values), min(values), max(values))
 
 print("load at start: " + loadavg())
-print("%-15s %-18s %-18s %-18s %-18s %s" % ("size", "daemon/gst", "daemon/raw", "verified/gst",
-                                            "verified/raw", "GB/s daemon gst raw verified"))
+columns = ("daemon/gst", "daemon/raw", "daemon/stored", "verified/gst", "verified/raw")
+sources = ("daemon", "gst", "raw", "stored", "verified")
+print("%-15s " % "size" + " ".join("%-18s" % c for c in columns) + " GB/s " + " ".join(sources))
 daemon = Daemon()
 try:
     for name in sizes.split(","):
@@ -228,23 +231,24 @@ try:
             die("unknown size " + name)
         fourcc, resolution, width, height, gst_format, bpp = known[name]
         message = overhead + width * height * bpp
-        ratios = {k: [] for k in ("daemon/gst", "daemon/raw", "verified/gst", "verified/raw")}
-        rates = {k: [] for k in ("daemon", "gst", "raw", "verified")}
+        ratios = {k: [] for k in columns}
+        rates = {k: [] for k in sources}
         for _ in range(rounds):
             r = {"daemon": run_daemon(daemon, fourcc, resolution, False),
                  "gst": run_gstreamer(width, height, gst_format),
-                 "raw": run_raw(message),
+                 "raw": run_sender("send", message),
+                 "stored": run_sender("store", message),
                  "verified": run_daemon(daemon, fourcc, resolution, True)}
             for k, v in r.items():
                 if v is not None:
                     rates[k].append(v)
-            for mine in ("daemon", "verified"):
-                for ref in ("gst", "raw"):
-                    if r[ref]:
-                        ratios[mine + "/" + ref].append(r[mine] / r[ref])
+            for column in columns:
+                mine, ref = column.split("/")
+                if r[ref]:
+                    ratios[column].append(r[mine] / r[ref])
         medians = " ".join("%5.2f" % statistics.median(rates[k]) if rates[k] else "    -"
-                           for k in ("daemon", "gst", "raw", "verified"))
-        print("%-15s %-18s %-18s %-18s %-18s %s" % (name, *(spread(ratios[k]) for k in ratios), medians),
+                           for k in sources)
+        print("%-15s " % name + " ".join("%-18s" % spread(ratios[k]) for k in columns) + " " + medians,
               flush=True)
 finally:
     daemon.close()
@@ -253,6 +257,28 @@ PY
 
 if [ "$gpu" = 1 ]; then
   echo
-  echo "== GPU path =="
-  "$build/bench/gpu_path_bench" "--kernel-file=$repo/etc/opencl/image_processing.cl"
+  echo "== GPU path: $rounds rounds, the capture's accelerated processing (AP) against a bare OpenCL loop =="
+  python3 - "$build/bench/gpu_path_bench" "$repo/etc/opencl/image_processing.cl" "$rounds" "$seconds" <<'PY'
+import csv, statistics, subprocess, sys
+
+bench, kernels, rounds, seconds = sys.argv[1], sys.argv[2], int(sys.argv[3]), sys.argv[4]
+times = {}  # (kernel, region) -> {"AcceleratedProcessing": [ms per round], "BareOpenCL": [...]}
+print("load at start: " + " ".join(open("/proc/loadavg").read().split()[:3]))
+for _ in range(rounds):
+    # Every benchmark once per round, so that both loops of a pair see the same load.
+    out = subprocess.run([bench, "--kernel-file=" + kernels, "--benchmark_format=csv",
+                          "--benchmark_min_time=" + seconds],
+                         capture_output=True, text=True, check=True).stdout
+    for row in csv.reader(out.splitlines()):
+        if len(row) > 4 and row[0].count("/") >= 2 and row[0][0] != "n":
+            path, kernel, region = row[0].split("/")[:3]
+            times.setdefault((kernel, region), {}).setdefault(path, []).append(float(row[2]))
+print("%-13s %-16s %-18s %-10s %s" % ("kernel", "region", "AP/bare", "AP ms", "bare ms"))
+for (kernel, region), t in times.items():
+    ratios = [a / b for a, b in zip(t["AcceleratedProcessing"], t["BareOpenCL"])]
+    print("%-13s %-16s %5.2f (%4.2f-%4.2f)  %-10.3f %.3f" % (
+        kernel, region, statistics.median(ratios), min(ratios), max(ratios),
+        statistics.median(t["AcceleratedProcessing"]), statistics.median(t["BareOpenCL"])))
+print("load at end: " + " ".join(open("/proc/loadavg").read().split()[:3]))
+PY
 fi
