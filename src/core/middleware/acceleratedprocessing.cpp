@@ -19,8 +19,9 @@ constexpr uint8_t goodIntensityLimit = 80;
 
 // The two per-pixel loops are built twice on x86-64, for AVX2 (twice the lanes) and for the
 // baseline, and the loader picks what the processor runs; the board's NEON has one width.
-// (GCC only: the fuzzing build's clang keeps the baseline.)
-#if defined(__x86_64__) && !defined(__clang__)
+// GCC only (the fuzzing build's clang keeps the baseline), and not under ThreadSanitizer, whose
+// runtime is not yet up when the loader runs the chooser.
+#if defined(__x86_64__) && !defined(__clang__) && !defined(__SANITIZE_THREAD__)
 #define K52_VECTOR_CLONES gnu::target_clones("avx2", "default"),
 #else
 #define K52_VECTOR_CLONES
