@@ -178,7 +178,7 @@ void AcceleratedProcessing::cropAndNormalise(const uint8_t* frame, uint32_t rowP
     const uint8_t* first = frame + size_t(region.top) * rowPixels + size_t(region.left);
     // Two passes over the source, none over the output: a scan for the minimum and maximum,
     // then the stretch written once. Plain byte loops with min/max reductions and a
-    // multiply-high, so that the compiler vectorises them (SSE2, NEON).
+    // multiply-high, so that the compiler vectorises them (SSE2 or AVX2, NEON).
     uint8_t minimum = 255;
     uint8_t maximum = 0;
     for (size_t row = 0; row < height; ++row)

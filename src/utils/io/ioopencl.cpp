@@ -200,12 +200,6 @@ void IOOpenCL::setKernelArgument(cl_uint index, size_t size, const void* value)
           "setting argument " + std::to_string(index) + " of '" + kernelName_ + "'");
 }
 
-void IOOpenCL::executeKernel(const std::vector<size_t>& localRange)
-{
-    enqueueKernel(localRange);
-    check(clFinish(queue_.get()), "executing '" + kernelName_ + "'");
-}
-
 void IOOpenCL::enqueueKernel(const std::vector<size_t>& localRange)
 {
     requireKernel("execute a kernel");

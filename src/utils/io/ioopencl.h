@@ -47,7 +47,7 @@ public:
     // the build fails (the message carries the compiler's log) or there is no such kernel.
     void loadKernel(const std::string& file, const std::string& kernelName);
 
-    // The work size of executeKernel(): one to three dimensions, none of them 0.
+    // The work size of enqueueKernel(): one to three dimensions, none of them 0.
     void setGlobalRange(std::vector<size_t> range);
 
     // Kernel arguments, by index, for the loaded kernel: a buffer, or a plain value such as an
@@ -61,11 +61,10 @@ public:
     }
     void setKernelArgument(cl_uint index, size_t size, const void* value);
 
-    // Runs the loaded kernel over the global range and waits for it. An empty `localRange`
-    // lets the implementation choose the work-group size.
-    void executeKernel(const std::vector<size_t>& localRange = {});
-    // Queues the same run without waiting: a later blocking read waits for it (the queue runs
-    // in order) and reports its failure. Spares one hand-over to the device's threads.
+    // Queues a run of the loaded kernel over the global range without waiting: a later blocking
+    // read waits for it (the queue runs in order) and reports its failure, which spares a
+    // hand-over to the device's threads. An empty `localRange` lets the implementation choose
+    // the work-group size.
     void enqueueKernel(const std::vector<size_t>& localRange = {});
 
     // Copies `length` bytes from the start of `buffer` into `destination`, waiting for them.
